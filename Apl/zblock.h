@@ -1,0 +1,70 @@
+// zblock.h - the Z block, the interpreter's flat image of one array, also the payload of commands.
+//
+//   0  big-endian length of the whole block, these 8 bytes included
+//   4  big-endian header word: architecture bits in its low byte, the rest zero
+//   8  the top array; nested arrays are followed by their children, in ravel order, depth first
+//
+// One array, little-endian:
+//
+//   0   8  size word: rank + 3 + data in 8-byte words, one more than a simple array takes
+//   8   1  rank << 4 | type: 0xF simple, 0x7 nested
+//   9   1  element type, low nibble
+//   10  6  zero
+//   16  8  each axis, low 32 bits
+//   ..     data of a simple array, padded with zeros to 8 bytes; a nested one has none
+//
+// The size word of a nested array does not describe its extent and is not read. An empty nested
+// array has no child; in memory it holds one null slot.
+#pragma once
+
+#include "Apl/vapl.h"
+
+inline constexpr UI4 RETZHEADER = ZHEADER | ARCH_UNICODE;
+
+/// Array type by element type; VANoType where none is carried.
+inline constexpr SI2 Tes2VA[15] = {VAC1, VABit, VAI1,  VAI2,     VAI4,  VAF8,     VAPntr, VAC1,
+                                   VAC2, VAC4,  VA2F8, VANoType, VADpd, VANoType, VABid};
+
+/// Element type by array type. The row of VAC1 is the one of a Unicode interpreter; what is written
+/// follows SetUnicode. Rows that merge two types are what VANorm aims at before a result is packed.
+inline constexpr SI2 VA2Tes[kTypeCount] = {0, 1, 2, 3, 4, 5, 5, 4, 5, 7, 8, 9, 6, 6, 6, 5, 12, 14};
+
+/// Whether the interpreter's one-byte characters are Unicode; true at start. Each call sets it anew
+/// from its header: all of one interpreter say the same.
+bool isUnicode();
+void SetUnicode(bool unicode);
+
+/// A little-endian, 64-bit header without the foreign bits.
+constexpr bool IsZHeader(UI4 header) { return header <= 0xFF && (header & 0xE9) == ZHEADER; }
+
+/// The length and header words of a block, which must have its first 8 bytes.
+UI4 ZLength(const void* block);
+UI4 ZHeaderWord(const void* block);
+
+/// Bytes that Pack writes for an array and its children; 0 when it cannot be packed: a null child,
+/// a type without an image, or too deep.
+UI8 SizeAA(const VARRAY* array);
+
+/// Writes an array that SizeAA accepts; `target` has room for it and need not be zeroed. The result
+/// is what it wrote.
+UI8 Pack(const VARRAY* array, PCH1 target);
+
+/// Reads the array at *offset of a block of `length` bytes and moves *offset behind it. Nothing
+/// outside the block is read, and nothing larger than the block is allocated. ERR_ARCHITECTURE
+/// for an element type, shape, extent or depth that cannot be, ERR_MEMORY_ALLOC; *array is then
+/// null.
+[[nodiscard]] SI4 Unpack(const CH1* base, UI4 length, PUI4 offset, PPAA array);
+
+/// Reads a whole block: header, a length word that says `length`, and an array that fills it.
+/// `block` has `length` bytes. Errors as Unpack.
+[[nodiscard]] SI4 ReadZ(const void* block, UI4 length, PPAA array);
+
+/// The array of a block that is as long as its own length word says, or null.
+PAA UnpackZ(const UI4* block);
+
+/// A new block, for free(), from an array that is released in any case. Null when memory is short
+/// or the array cannot be packed or is above 4 GiB.
+PUI4 PackZ(PAA owned);
+
+/// A new block of 32 bytes with one whole number. Null when memory is short.
+PUI4 ScalarZ(UI4 value);
