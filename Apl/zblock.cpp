@@ -90,48 +90,52 @@ OFF_THE_WALK void PackHead(const VARRAY* array, PCH1 target) {
   }
 }
 
-// Reads head and shape of one array at *offset, and the data of a simple one; the slots of a nested
-// one are still empty. Null, with the reason in *code, on failure.
-OFF_THE_WALK PAA ReadOne(const CH1* base, UI4 length, PUI4 offset, PSI4 code) {
-  *code = ERR_ARCHITECTURE;
-  if (*offset > length || length - *offset < kArrayHead) return nullptr;
-  const UI4 left = length - *offset;
-  const CH1* const block = base + *offset;
-  const UI2 rank = static_cast<UI1>(block[8]) >> 4;
-  const UI1 eltype = block[9] & 0xF;
-  const UI4 head = HeadBytes(rank);
-  if (eltype >= std::size(Tes2VA) || left < head) return nullptr;
-  const VATYPES type = static_cast<VATYPES>(Tes2VA[eltype]);
-  if (type == VANoType) return nullptr;
-
+// Head and shape of one array in a block, judged against what is left of the block.
+struct ARRAYHEAD {
+  VATYPES type;
+  UI2 rank;
   UI4 shape[15];
-  for (UI2 axis = 0; axis < rank; ++axis) {
-    memcpy(&shape[axis], block + kArrayHead + 8u * axis, sizeof shape[axis]);
-  }
-  UI4 elements = 0;
-  if (!ShapeProduct(rank, shape, &elements)) return nullptr;
+  UI4 elements;
+  UI4 bytes;   // of head and shape
+  UI4 extent;  // of a simple array in the block, its data included
+};
 
-  if (type == VAPntr) {
-    if (elements > (left - head) / kArrayHead) return nullptr;
-    PAA const array = VANew(type, rank, shape);
-    *code = array ? 0 : ERR_MEMORY_ALLOC;
-    *offset += head;
-    return array;
+OFF_THE_WALK bool ReadHead(const CH1* block, UI4 left, ARRAYHEAD* head) {
+  if (left < kArrayHead) return false;
+  head->rank = static_cast<UI1>(block[8]) >> 4;
+  head->bytes = HeadBytes(head->rank);
+  const UI1 eltype = block[9] & 0xF;
+  if (eltype >= std::size(Tes2VA) || left < head->bytes) return false;
+  head->type = static_cast<VATYPES>(Tes2VA[eltype]);
+  if (head->type == VANoType) return false;
+  for (UI2 axis = 0; axis < head->rank; ++axis) {
+    memcpy(&head->shape[axis], block + kArrayHead + 8u * axis, sizeof head->shape[axis]);
   }
+  if (!ShapeProduct(head->rank, head->shape, &head->elements)) return false;
+  if (head->type == VAPntr) return head->elements <= (left - head->bytes) / kArrayHead;
 
   UI8 words;
   memcpy(&words, block, sizeof words);
-  if (words < rank + 3u || words - 1 > left / 8) return nullptr;
-  const UI4 extent = static_cast<UI4>(words - 1) * 8;
-  const UI4 there = extent - head;
-  if ((static_cast<UI8>(VAsize[type]) * elements + 7) / 8 > there) return nullptr;
+  if (words < head->rank + 3u || words - 1 > left / 8) return false;
+  head->extent = static_cast<UI4>(words - 1) * 8;
+  return (static_cast<UI8>(VAsize[head->type]) * head->elements + 7) / 8 <=
+         head->extent - head->bytes;
+}
 
-  PAA const array = VANewUnset(type, rank, shape);
+// Reads head and shape of one array at *offset, and the data of a simple one; the slots of a nested
+// one are still empty. Null, with the reason in *code, on failure.
+OFF_THE_WALK PAA ReadOne(const CH1* base, UI4 length, PUI4 offset, PSI4 code) {
+  ARRAYHEAD head;
+  *code = ERR_ARCHITECTURE;
+  if (*offset > length || !ReadHead(base + *offset, length - *offset, &head)) return nullptr;
+  const bool nested = head.type == VAPntr;
+  PAA const array = nested ? VANew(head.type, head.rank, head.shape)
+                           : VANewUnset(head.type, head.rank, head.shape);
   *code = array ? 0 : ERR_MEMORY_ALLOC;
   if (!array) return nullptr;
   // What is there comes in eights and holds the data, so it also holds their last whole word.
-  memcpy(VAData(array), block + head, VADataLength(array));
-  *offset += extent;
+  if (!nested) memcpy(VAData(array), base + *offset + head.bytes, VADataLength(array));
+  *offset += nested ? head.bytes : head.extent;
   return array;
 }
 
@@ -213,6 +217,39 @@ PUI4 PackZ(PAA owned) {
   PutBigEndian(block, length);
   PutBigEndian(block + 4, RETZHEADER);
   Pack(owned, block + kZHead);
+  return reinterpret_cast<PUI4>(block);
+}
+
+bool ViewZ(const void* block, UI4 length, ZVIEW* view) {
+  if (length < kZHead || ZLength(block) != length || !IsZHeader(ZHeaderWord(block))) return false;
+  const CH1* const top = static_cast<const CH1*>(block) + kZHead;
+  ARRAYHEAD head;
+  if (!ReadHead(top, length - kZHead, &head)) return false;
+  if (head.type == VAPntr || head.extent != length - kZHead) return false;
+  *view = {head.type, head.rank, head.elements, top + head.bytes};
+  return true;
+}
+
+PUI4 VectorZ(VATYPES type, UI4 n, PCH1* data) {
+  const UI8 bytes = (static_cast<UI8>(VAsize[type]) * n + 7) / 8;
+  const UI8 padded = (bytes + 7) / 8 * 8;
+  const UI8 length = kZHead + HeadBytes(1) + padded;
+  if (!IsPlain(type) || length > UINT32_MAX) return nullptr;
+  CH1* const block = static_cast<CH1*>(malloc(length));
+  if (!block) return nullptr;
+  PutBigEndian(block, static_cast<UI4>(length));
+  PutBigEndian(block + 4, RETZHEADER);
+
+  CH1* const top = block + kZHead;
+  const UI8 words = 1 + 3 + padded / 8;
+  const UI8 extent = n;
+  memcpy(top, &words, sizeof words);
+  top[8] = static_cast<CH1>(1 << 4 | kSimple);
+  top[9] = static_cast<CH1>(Eltype(type));
+  memset(top + 10, 0, 6);
+  memcpy(top + kArrayHead, &extent, sizeof extent);
+  *data = top + HeadBytes(1);
+  memset(*data + bytes, 0, padded - bytes);
   return reinterpret_cast<PUI4>(block);
 }
 

@@ -68,3 +68,19 @@ PUI4 PackZ(PAA owned);
 
 /// A new block of 32 bytes with one whole number. Null when memory is short.
 PUI4 ScalarZ(UI4 value);
+
+/// A simple array where it stands in its block.
+struct ZVIEW {
+  VATYPES type;
+  UI2 rank;
+  UI4 count;        ///< elements
+  const CH1* data;  ///< inside the block
+};
+
+/// Looks at a block of `length` bytes without copying. False for a nested array and for everything
+/// that ReadZ refuses.
+bool ViewZ(const void* block, UI4 length, ZVIEW* view);
+
+/// A new block, for free(), with a vector of n elements of a simple type, which the caller writes at
+/// *data. Null when memory is short or the block would be above 4 GiB.
+PUI4 VectorZ(VATYPES type, UI4 n, PCH1* data);

@@ -28,5 +28,6 @@ inline PLIST FreeList(PLIST list) {
 }
 
 /// The texts of a value, one for each element of a nested one, as a list that the caller owns.
-/// `translate` is VABIN or VACHAR. ERR_ARG_STOPLIST for a text that can't be read, ERR_MEMORY_ALLOC.
+/// `translate` is VABIN or VACHAR. ERR_ARG_STOPLIST for a text that can't be read,
+/// ERR_MEMORY_ALLOC.
 [[nodiscard]] SI4 MakeList(const VARRAY* value, SI4 translate, PLIST* list);

@@ -145,6 +145,38 @@ TEST(ZBlock, IsRefusedWhenCutAnywhere) {
   }
 }
 
+TEST(ZBlock, IsViewedInPlaceExactlyWhenItIsSimpleAndWhole) {
+  const Bytes text = zcode::Block(zcode::Text("abc"));
+  ZVIEW view;
+  ASSERT_TRUE(ViewZ(text.data(), static_cast<UI4>(text.size()), &view));
+  EXPECT_EQ(view.type, VAC1);
+  EXPECT_EQ(view.rank, 1);
+  EXPECT_EQ(std::string(view.data, view.count), "abc");
+
+  const Bytes nested = zcode::Block(zcode::Vector({zcode::Int(1)}));
+  EXPECT_FALSE(ViewZ(nested.data(), static_cast<UI4>(nested.size()), &view));
+  for (size_t n = 0; n < text.size(); ++n) {
+    EXPECT_FALSE(ViewZ(text.data(), static_cast<UI4>(n), &view)) << n;
+  }
+  const Bytes longer = zcode::Block(zcode::Simple(zcode::CHAR, {99}, Bytes(8, 'x')));
+  EXPECT_FALSE(ViewZ(longer.data(), static_cast<UI4>(longer.size()), &view));
+}
+
+TEST(ZBlock, IsWrittenInPlaceAsPackWritesIt) {
+  for (const char* text : {"", "a", "abcdefgh"}) {
+    PCH1 data = nullptr;
+    UI4 const n = static_cast<UI4>(strlen(text));
+    PUI4 const z = VectorZ(VAC1, n, &data);
+    memcpy(data, text, n);
+    const Bytes want = zcode::Block(zcode::Text(text));
+    ASSERT_EQ(ZLength(z), want.size());
+    EXPECT_EQ(memcmp(z, want.data(), want.size()), 0) << text;
+    free(z);
+  }
+  PCH1 data = nullptr;
+  EXPECT_EQ(VectorZ(VAI2, 0x80000000, &data), nullptr);
+}
+
 TEST(ZBlock, PacksNothingThatHasNoImage) {
   EXPECT_TRUE(Pack(VAHOLD()).empty());
   EXPECT_TRUE(Pack(VAHOLD(VANew(VAHet, 0, nullptr))).empty());

@@ -1,0 +1,40 @@
+// message.h - one unit of data on its way in or out: a block received, a buffer being sent.
+//
+//   out:  SReadyToSend -> SSending -> SFinished, or SSent ("Sent") -> SFinished
+//   in:   SAPL or SAPLLast -> SProcessing -> SFinished         whole when it is made
+//         SReceiving -> SAPL -> SProcessing -> SFinished       filled from the socket
+#pragma once
+
+#include "kyrno/tree/rpcobjs.h"
+
+/// Owner:   its node. Owns the buffer.
+/// Threads: the work thread's until it is ready, then the waiting thread's.
+class MESSAGE : public RPCOBJS {
+ public:
+  MESSAGE(PBUFFER buffer, OBJSTATE state);
+  ~MESSAGE() override;
+
+  /// "Block" or "BlockLast" of the connection, with the data as a vector: 2-byte integers from 0 to
+  /// 255 in the raw modes, characters in the others.
+  [[nodiscard]] SI4 GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* next,
+                                   PUI4* ppZ) override;
+  PBUFFER GetBuffer() override { return pBuf; }
+  SI4 Check(PFDSETS sets) override WORK_ONLY;
+  void Abandon(PHIERAKI item) override WORK_ONLY;
+
+ protected:
+  PBUFFER const pBuf;  // owned
+};
+
+/// A report on the way to an answer: child of its COMMAND, the payload behind a message header.
+class PROGRESS : public MESSAGE {
+ public:
+  using MESSAGE::MESSAGE;
+  /// "Progress" with the full name of the report.
+  [[nodiscard]] SI4 GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* next,
+                                   PUI4* ppZ) override;
+};
+
+/// Received bytes as a Z that the caller owns: a vector of VAI2, each byte one element, or of VAC1,
+/// in the interpreter's own character set. Null without memory.
+PUI4 Data2Z(const CH1* bytes, UI4 n, VATYPES type);

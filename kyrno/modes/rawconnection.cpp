@@ -1,0 +1,94 @@
+// rawconnection.cpp - modes "raw" and "text".
+#include "kyrno/modes/rawconnection.h"
+
+#include <strings.h>
+
+#include <cstdio>
+#include <memory>
+#include <new>
+
+#include "kyrno/base/error.h"
+#include "kyrno/base/log.h"
+#include "kyrno/modes/message.h"
+
+static constexpr UI4 MODULE = 0x00000080;
+
+RAWCONNECTION::RAWCONNECTION(UI4 maxBlockSize, OBJMODE mode)
+    : MaxBlockSize(maxBlockSize), pShared(nullptr) {
+  Begin(mode);
+}
+
+RAWCONNECTION::RAWCONNECTION(UI4 maxBlockSize, OBJMODE mode, PRPCSOCK socket, STOPRULE* shared)
+    : CONNECTION(socket), MaxBlockSize(maxBlockSize), pShared(shared) {
+  Begin(mode);
+}
+
+void RAWCONNECTION::Begin(OBJMODE mode) {
+  AssumeWorkThread();  // nobody else knows the object yet
+  Mode = mode;
+  pHeader = new (std::nothrow) BUFFER(MaxBlockSize);
+  if (!pHeader || pHeader->lError) lErrorObj = ERR_MEMORY_ALLOC;
+}
+
+SI4 RAWCONNECTION::SetRPCProp(PHIERAKI root, PCH10 name, PAA value) {
+  if (strcasecmp(name, "EOM") != 0) return CONNECTION::SetRPCProp(root, name, value);
+  return ReplaceStop(&own, value, Mode == MAscii);
+}
+
+/// Makes n bytes of pHeader a unit in a ready state. They stay where they are.
+SI4 RAWCONNECTION::Deliver(PHIERAKI item, UI4 from, UI4 n, OBJSTATE state) {
+  std::unique_ptr<BUFFER> unit(pHeader->Take(n, from));
+  if (!unit) return ERR_MEMORY_ALLOC;
+  std::unique_ptr<MESSAGE> message(new (std::nothrow) MESSAGE(unit.get(), state));
+  if (!message) return ERR_MEMORY_ALLOC;
+  (void)unit.release();
+  message->Mode = OBJMODE{Mode};
+  if (state == SAPLLast) message->NextPState = SFinished;
+  CH1 name[kMaxName];
+  snprintf(name, sizeof name, "Blk%08u", Count++);
+  LOG(4, ("New block received %s size %d remaining Header %d", name, n,
+          pHeader->SizeProcessed() - from - n));
+  PHIERAKI const child = item->AddNew(name, message.get());
+  if (!child) return ERR_NAME_IN_USE;
+  (void)message.release();
+  Ready4Apl(child);
+  return 0;
+}
+
+SI4 RAWCONNECTION::HeaderRecv(PFDSETS sets, PHIERAKI item) {
+  STOPRULE* const rule = own.IsSet() ? &own : pShared;
+  if (!rule || !rule->IsSet()) return HeaderComplete(sets, item);
+  // All units that are there are cut first and dropped together: one move of the rest, not one
+  // each.
+  UI4 cut = 0;
+  SI4 code = 0;
+  while (code == 0) {
+    const SI4 n = rule->Find(pHeader, searched, &searched);
+    const UI4 end = n < 0 ? 0 : static_cast<UI4>(n);
+    // An empty stop would cut nothing off for ever.
+    if (end <= cut) break;
+    code = Deliver(item, cut, end - cut, SAPL);
+    cut = searched = end;
+  }
+  pHeader->Drop(cut);
+  searched -= cut < searched ? cut : searched;
+  return code;
+}
+
+SI4 RAWCONNECTION::HeaderComplete(PFDSETS sets, PHIERAKI item) {
+  if (own.IsSet()) {
+    if (const SI4 code = HeaderRecv(sets, item)) return code;
+    if (!pHeader->Complete()) return 0;
+  }
+  // Deliberate: without a search when the list is the server's, and never looking back later.
+  searched = 0;
+  const UI4 n = pHeader->SizeProcessed();
+  const SI4 code = n ? Deliver(item, 0, n, SAPL) : 0;
+  pHeader->Rewind();
+  return code;
+}
+
+SI4 RAWCONNECTION::PassiveClose(PFDSETS sets, PHIERAKI item) {
+  if (const SI4 code = Deliver(item, 0, pHeader->SizeProcessed(), SAPLLast)) return code;
+  return CONNECTION::PassiveClose(sets, item);
+}

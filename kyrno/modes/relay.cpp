@@ -1,0 +1,115 @@
+// relay.cpp - one connection's bytes out through another.
+#include "kyrno/modes/relay.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+#include "kyrno/base/error.h"
+#include "kyrno/base/log.h"
+#include "kyrno/modes/message.h"
+#include "kyrno/tree/root.h"
+
+static constexpr UI4 MODULE = 0x00000080;
+
+namespace {
+
+constexpr SI4 kMaxQueued = 16;  // units that may wait on a target before its source is held back
+
+/// The object of a relay's end, or a code.
+SI4 EndOf(PHIERAKI root, PCH10 path, PHIERAKI* node) {
+  *node = root->FindLeaf(path);
+  if (!*node || !(*node)->Obj()) return ERR_OBJECT_NOT_FOUND;
+  const OBJTYPE type = (*node)->Obj()->Type;
+  return type == TClient || type == TConnection ? 0 : ERR_INVALID_OBJECT;
+}
+
+SI4 AddRelay(PHIERAKI from, PHIERAKI to, UI4 blockSize) {
+  std::unique_ptr<BUFFER> buffer(new (std::nothrow) BUFFER(blockSize));
+  if (!buffer || buffer->lError) return ERR_MEMORY_ALLOC;
+  std::unique_ptr<RELAY> relay(new (std::nothrow) RELAY(to, buffer.get()));
+  if (!relay) return ERR_MEMORY_ALLOC;
+  (void)buffer.release();
+  if (const SI4 code = relay->lErrorObj) return code;
+  relay->Mode = OBJMODE{from->Obj()->Mode};
+  // A second relay on the same source finds the name taken and goes again.
+  if (from->AddNew("RELAY", relay.get())) (void)relay.release();
+  return 0;
+}
+
+}  // namespace
+
+RELAY::RELAY(PHIERAKI to, PBUFFER buffer)
+    : RPCOBJS(TRelay), pBuf(buffer), pToName(static_cast<PCH1>(calloc(1, kFullNameSize + 1))) {
+  if (!pToName) lErrorObj = ERR_MEMORY_ALLOC;
+  if (pToName) to->FullName(pToName, kFullNameSize);
+  SetState(SReadyToRecv);
+}
+
+RELAY::~RELAY() {
+  free(pToName);
+  delete pBuf;
+}
+
+PHIERAKI RELAY::Target(PHIERAKI item) {
+  PHIERAKI const to = item->Top()->FindLeaf(pToName);
+  return to && to->Obj() ? to : nullptr;
+}
+
+SI4 RELAY::Check(PFDSETS sets) {
+  const OBJSTATE state = GetState();
+  if (state != SReceiving && (state != SReadyToRecv || sets->phRead)) return 0;
+  sets->phRead = sets->pItem;
+  sets->pRead = pBuf;
+
+  PHIERAKI const to = Target(sets->pItem);
+  SI4 queued = 0;
+  if (to)
+    to->WalkSub([&](PHIERAKI child) {
+      const OBJSTATE s = child->Obj()->GetState();
+      if (s == SReadyToSend || s == SSending) ++queued;
+    });
+  sets->holdRead = queued >= kMaxQueued;
+  return 0;
+}
+
+SI4 RELAY::RelayBuf(PHIERAKI item, PBUFFER header) {
+  // What the framing had read ahead goes first, so that nothing is lost or overtaken.
+  if (header && header->SizeProcessed() > 0)
+    if (const SI4 code = RelayBufferInt(item, header)) return code;
+  return pBuf->SizeProcessed() > 0 ? RelayBufferInt(item, pBuf) : 0;
+}
+
+SI4 RELAY::RelayBufferInt(PHIERAKI item, PBUFFER from) {
+  const UI4 n = from->SizeProcessed();
+  from->Rewind();
+  std::unique_ptr<BUFFER> copy(new (std::nothrow) BUFFER(n, from->Start()));
+  if (!copy || copy->lError) return ERR_MEMORY_ALLOC;
+  std::unique_ptr<MESSAGE> message(new (std::nothrow) MESSAGE(copy.get(), SReadyToSend));
+  if (!message) return ERR_MEMORY_ALLOC;
+  (void)copy.release();
+  message->Mode = OBJMODE{Mode};
+
+  Bytes += n;
+  CH1 name[kMaxName];
+  snprintf(name, sizeof name, "Bytes%010u", Bytes);
+  PHIERAKI const to = Target(item);
+  if (!to || to->Obj()->GetState() != SConnected) return ERR_SEND;
+  if (!to->AddNew(name, message.get())) return ERR_SEND;
+  (void)message.release();
+  LOG(4, ("Relay %u to %s", n, pToName));
+  return 0;
+}
+
+SI4 SetRelay(PHIERAKI root, PCH10 from, PCH10 to, UI4 blockSize, bool oneWay) {
+  PHIERAKI source = nullptr;
+  PHIERAKI target = nullptr;
+  SI4 code = EndOf(root, from, &source);
+  if (!code) code = EndOf(root, to, &target);
+  if (code) return code;
+  if (blockSize == 0) return ERR_ARG_INVALID;
+  code = AddRelay(source, target, blockSize);
+  if (!code && !oneWay) code = AddRelay(target, source, blockSize);
+  return code ? code : static_cast<ROOT*>(root->Obj())->Dirty();
+}

@@ -1,0 +1,293 @@
+// hieraki.cpp - the tree of named nodes.
+#include "kyrno/tree/hieraki.h"
+
+#include <cassert>
+#include <cstring>
+#include <new>
+
+#include "kyrno/base/log.h"
+#include "kyrno/tree/rpcobjs.h"
+
+static constexpr UI4 MODULE = 0x00000040;
+
+namespace {
+
+class TSA(scoped_lockable) READHOLD {
+ public:
+  explicit READHOLD(CMutexRW& rw) TSA(acquire_shared_capability(rw)) : held(rw) {
+    held.Lock_DataRead();
+  }
+  ~READHOLD() TSA(release_capability()) { held.Unlock_DataRead(); }
+  READHOLD(const READHOLD&) = delete;
+  READHOLD& operator=(const READHOLD&) = delete;
+
+ private:
+  CMutexRW& held;
+};
+
+class TSA(scoped_lockable) WRITEHOLD {
+ public:
+  explicit WRITEHOLD(CMutexRW& rw) TSA(acquire_capability(rw)) : held(rw) { held.Lock_DataWrite(); }
+  ~WRITEHOLD() TSA(release_capability()) { held.Unlock_DataWrite(); }
+  WRITEHOLD(const WRITEHOLD&) = delete;
+  WRITEHOLD& operator=(const WRITEHOLD&) = delete;
+
+ private:
+  CMutexRW& held;
+};
+
+}  // namespace
+
+CMutexRW::CMutexRW() {
+  pthread_rwlockattr_t attr;
+  pthread_rwlockattr_init(&attr);
+  // A crowd of pollers must not keep a thread from adding a node.
+  pthread_rwlockattr_setkind_np(&attr, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+  pthread_rwlock_init(&lock, &attr);
+  pthread_rwlockattr_destroy(&attr);
+}
+
+HIERAKI::HIERAKI(PCH10 name, PRPCOBJS obj) : pObj(obj) {
+  strncpy(Name, name, kMaxName);
+  Name[kMaxName] = 0;
+  memcpy(Magic, MagicString, sizeof Magic);
+}
+
+HIERAKI::~HIERAKI() {
+  LOG(2, ("Deleting: %s", Name));
+  if (PHIERAKI const last = pSub.load(std::memory_order_acquire)) {
+    PHIERAKI t = last->Next();
+    while (t != last) {
+      PHIERAKI const next = t->Next();
+      delete t;
+      t = next;
+    }
+    delete last;
+  }
+  delete Obj();
+  // A pointer that outlived the node trips over this.
+  memcpy(Magic, "Nakket-- ", sizeof Magic);
+}
+
+void HIERAKI::CheckMagic() const { assert(memcmp(Magic, MagicString, sizeof Magic) == 0); }
+
+PHIERAKI HIERAKI::Top() {
+  PHIERAKI t = this;
+  while (PHIERAKI const up = t->Parent()) t = up;
+  return t;
+}
+
+PHIERAKI HIERAKI::FirstChild() {
+  if (!pSub.load(std::memory_order_acquire)) return nullptr;
+  READHOLD hold(lock);
+  PHIERAKI const last = pSub.load(std::memory_order_acquire);
+  return last ? last->Next() : nullptr;
+}
+
+SI4 HIERAKI::CountChildren() {
+  SI4 count = 0;
+  auto one = [](PHIERAKI, void* p) -> PHIERAKI {
+    ++*static_cast<SI4*>(p);
+    return nullptr;
+  };
+  LoopSub(one, &count);
+  return count;
+}
+
+PHIERAKI HIERAKI::AddNew(PCH10 name, PRPCOBJS obj) {
+  LOG(3, ("This %p %s", static_cast<void*>(this), name));
+  const CH1* const dot = strrchr(name, '.');
+  const CH1* const leaf = dot ? dot + 1 : name;
+  PHIERAKI const parent = FindParent(name);
+  if (!parent) {
+    LOG(1, ("%s (%s)", "Parent not found", name));
+    return nullptr;
+  }
+  PHIERAKI const node = new (std::nothrow) HIERAKI(leaf, obj);
+  if (!node) return nullptr;
+
+  {
+    WRITEHOLD hold(parent->lock);
+    if (*leaf && !parent->FindSibling(leaf)) {
+      node->pParent.store(parent, std::memory_order_release);
+      PHIERAKI const last = parent->pSub.load(std::memory_order_acquire);
+      if (last) {
+        node->pNext.store(last->Next(), std::memory_order_release);
+        last->pNext.store(node, std::memory_order_release);
+      }
+      parent->pSub.store(node, std::memory_order_release);
+      return node;
+    }
+  }
+  LOG(1, ("%s (%s)", "Name exists", leaf));
+  node->pObj.store(nullptr, std::memory_order_release);
+  delete node;
+  return nullptr;
+}
+
+void HIERAKI::Unlink(PHIERAKI child) {
+  WRITEHOLD hold(lock);
+  PHIERAKI const last = pSub.load(std::memory_order_acquire);
+  if (!last) return;
+  PHIERAKI before = last;
+  while (before->Next() != child) {
+    before = before->Next();
+    if (before == last) return;
+  }
+  if (before == child) {
+    pSub.store(nullptr, std::memory_order_release);
+    return;
+  }
+  before->pNext.store(child->Next(), std::memory_order_release);
+  if (child == last) pSub.store(before, std::memory_order_release);
+}
+
+PHIERAKI HIERAKI::SetSub(PHIERAKI h) {
+  WRITEHOLD hold(lock);
+  PHIERAKI const last = pSub.load(std::memory_order_acquire);
+  if (!last) return nullptr;
+  // Found before the lock was taken, h may have been unlinked since.
+  PHIERAKI t = last;
+  do {
+    t = t->Next();
+    if (t == h) pSub.store(h, std::memory_order_release);
+  } while (t != h && t != last);
+  return last;
+}
+
+PHIERAKI HIERAKI::LoopSub(PFNH fn, void* p) {
+  CheckMagic();
+  if (!pSub.load(std::memory_order_acquire)) return nullptr;
+  READHOLD hold(lock);
+  PHIERAKI const last = pSub.load(std::memory_order_acquire);
+  if (!last) return nullptr;
+  PHIERAKI t = last;
+  for (;;) {
+    t = t->Next();
+    t->CheckMagic();
+    PHIERAKI const found = fn(t, p);
+    if (found || t == last) return found;
+  }
+}
+
+bool HIERAKI::IsNamed(PCH10 name, size_t len) const {
+  return len <= kMaxName && strncmp(Name, name, len) == 0 && Name[len] == 0;
+}
+
+PHIERAKI HIERAKI::FindChild(PCH10 name, size_t len) {
+  if (!pSub.load(std::memory_order_acquire)) return nullptr;
+  READHOLD hold(lock);
+  PHIERAKI const last = pSub.load(std::memory_order_acquire);
+  if (!last) return nullptr;
+  PHIERAKI t = last;
+  do {
+    t = t->Next();
+    if (t->IsNamed(name, len)) return t;
+  } while (t != last);
+  return nullptr;
+}
+
+PHIERAKI HIERAKI::FindSibling(PCH10 name) {
+  // Deliberate: by the whole text, so that a name of 32 characters or more is never found taken.
+  const size_t len = strlen(name);
+  if (len >= kMaxName) return nullptr;
+  PHIERAKI const last = pSub.load(std::memory_order_acquire);
+  if (!last) return nullptr;
+  PHIERAKI t = last;
+  do {
+    t = t->Next();
+    if (t->IsNamed(name, len)) return t;
+  } while (t != last);
+  return nullptr;
+}
+
+PHIERAKI HIERAKI::FindLeaf(PCH10 path) {
+  PHIERAKI node = this;
+  for (;;) {
+    const CH1* const dot = strchr(path, '.');
+    const size_t len = dot ? static_cast<size_t>(dot - path) : strlen(path);
+    if (len > kMaxName) return nullptr;
+    if (len == 0) return node;
+    // Deliberate: as a last part, a name of 32 characters is not found.
+    if (!dot) return len == kMaxName ? nullptr : node->FindChild(path, len);
+    node = node->FindChild(path, len);
+    if (!node) return nullptr;
+    path = dot + 1;
+  }
+}
+
+PHIERAKI HIERAKI::FindParent(PCH10 path) {
+  PHIERAKI node = this;
+  while (const CH1* const dot = strchr(path, '.')) {
+    node = node->FindChild(path, static_cast<size_t>(dot - path));
+    if (!node) return nullptr;
+    path = dot + 1;
+  }
+  return node;
+}
+
+SI4 HIERAKI::FullName(PCH1 buf, SI4 size) {
+  PHIERAKI const parent = Parent();
+  if (!parent) {
+    if (!buf || size < 0) return -1;
+    *buf = 0;
+    return 0;
+  }
+  const SI4 n = parent->FullName(buf, size);
+  SI4 len = static_cast<SI4>(strlen(Name));
+  const bool full = len == kMaxName;
+  if (full) len += static_cast<SI4>(sizeof MagicString - 1);
+  const SI4 more = len + (n != 0 ? 1 : 0);
+  if (n < 0) return n - more;
+  if (size < n + more) return -n - more;
+
+  PCH1 at = buf + n;
+  if (n != 0) *at++ = '.';
+  strcpy(at, Name);
+  if (full) strcpy(at + kMaxName, MagicString);
+  return n + more;
+}
+
+PHIERAKI HIERAKI::Add(PHIERAKI ring, PHIERAKI h) {
+  if (!ring) return h;
+  if (!h) return ring;
+  PHIERAKI const first = ring->Next();
+  ring->pNext.store(h->Next(), std::memory_order_release);
+  h->pNext.store(first, std::memory_order_release);
+  return h;
+}
+
+PHIERAKI HIERAKI::Find(PHIERAKI ring, PCH10 name) {
+  if (!ring) return nullptr;
+  PHIERAKI t = ring;
+  do {
+    t = t->Next();
+    t->CheckMagic();
+    if (strcmp(t->Name, name) == 0) return t;
+  } while (t != ring);
+  return nullptr;
+}
+
+PHIERAKI HIERAKI::Remove(PHIERAKI ring, PHIERAKI h) {
+  if (!ring) return nullptr;
+  PHIERAKI before = ring;
+  while (before->Next() != h) {
+    before = before->Next();
+    if (before == ring) return ring;
+  }
+  if (before == h) return nullptr;
+  before->pNext.store(h->Next(), std::memory_order_release);
+  h->pNext.store(h, std::memory_order_release);
+  return h == ring ? before : ring;
+}
+
+void HIERAKI::ForkedChild() {
+  new (&lock) CMutexRW;
+  PHIERAKI const last = pSub.load(std::memory_order_acquire);
+  if (!last) return;
+  PHIERAKI t = last;
+  do {
+    t = t->Next();
+    t->ForkedChild();
+  } while (t != last);
+}

@@ -1,0 +1,251 @@
+// rpcobjs.h - the base of everything that a node owns: type, state, and how the two sides meet.
+//
+// The state word is the meeting point of interpreter threads (A) and the work thread (W). It holds
+// an OBJSTATE and one more bit, kSeized: while that is set, one thread has the object for itself,
+// and nobody else moves the state except AClose, which stores SFinished.
+//
+//   from            on                       to                     by   how
+//   a ready state   AWaitZ picks it          SProcessing | kSeized  A    Pick: compare-exchange
+//   ... | kSeized   GetWaitReturns is done   its new state          A    Unpick: compare-exchange
+//   any idle state  one side needs it alone  same | kSeized         A,W  Seize: compare-exchange
+//   ... | kSeized   done                     next state             A,W  SetState
+//   SFinished       the next turn            SMarkedForDeletion     W    then unlinked and retired
+//
+// Ready states are SIncoming, SAPL, SError, SAPLLast and SSent: the object has something for the
+// application. Each class's own transitions stand above its code.
+#pragma once
+
+#include <atomic>
+
+#include "Apl/vapl.h"
+#include "kyrno/annotate.h"
+#include "kyrno/net/buffer.h"
+#include "kyrno/net/socket.h"
+#include "kyrno/tree/hieraki.h"
+#include "kyrno/tree/threadsem.h"
+
+enum OBJTYPE : UI8 {
+  TRoot,
+  TServer,
+  TClient,
+  TConnection,
+  TCommand,
+  TMessage,
+  TRelay,
+  TUdp,
+  TUdpPeer,
+  ENDTYPE = 0x7FFFFFFFFFFFFFFF
+};
+
+enum OBJSTATE : UI4 {
+  SNew,                // created, not yet at work
+  SIncoming,           // a new connection waits for the application
+  SRootInit,           // root ready with its work thread
+  SListen,             // server is listening
+  SConnected,          // connection established
+  SAPL,                // data waits for the application
+  SReadyToSend,        // work thread is to start sending
+  SSending,            // send in progress
+  SProcessing,         // handed over to the application
+  SReadyToRecv,        // work thread is to start receiving
+  SReceiving,          // receive in progress
+  SFinished,           // ended; the work thread is to mark it
+  SMarkedForDeletion,  // unlinked by the parent's check
+  SError,              // error waits for the application
+  SDoNotChange,        // marker of NextState, NextPState and LastState
+  SShutdown,           // closing
+  SSocketClosed,       // peer closed
+  SAPLLast,            // last piece of data waits for the application
+  SSSL,                // TLS handshake in progress
+  SSent,               // a send's completion waits for the application
+  SListenPaused,       // listener paused
+  SGotoPause           // listener goes into pause
+};
+
+enum OBJMODE : UI8 {
+  MCommand,
+  MRaw,
+  MAscii,
+  MBlkRaw,
+  MBlkAscii,
+  MHttp,
+  MUdp,
+  MWebSocket,
+  MMAX,
+  MENDTYPE = 0x7FFFFFFFFFFFFFFF
+};
+
+/// The words of OBJMODE.
+extern const PCH10 modename[MMAX];
+
+/// What AWaitZ tells the application about an object.
+enum EVENTS {
+  EReceive,
+  EProgress,
+  EBlock,
+  EError,
+  EBlockLast,
+  EConnect,
+  EReceiveLast,
+  ESent,
+  ETimeout,
+  EClose,
+  EWSUpgrade,
+  EWSReceive,
+  EMAX
+};
+extern const PCH10 eventname[EMAX];
+inline constexpr size_t kEventSize = 48;  // room for an event word
+
+constexpr bool IsReadyState(OBJSTATE s) {
+  return s == SIncoming || s == SAPL || s == SError || s == SAPLLast || s == SSent;
+}
+
+/// What one turn of the work thread hands to every object.
+struct FDSETS {
+  SOCKETSETS ss;             // who waits for what, and what is ready
+  PHIERAKI pItem = nullptr;  // node of the object that is called
+  PBUFFER pRead = nullptr;   // what the children claimed of their connection's socket
+  PBUFFER pWrite = nullptr;
+  PHIERAKI phRead = nullptr;
+  PHIERAKI phWrite = nullptr;
+  bool holdRead = false;  // the claiming child wants no bytes just now
+  bool fConnectionClosed = false;
+  bool endWorkThread = false;
+  bool closeAllSockets = false;
+  UI4 cntFinished = 0;  // objects marked for deletion and not yet unlinked
+};
+using PFDSETS = FDSETS*;
+
+class ROOT;
+
+/// A callback instead of a wake-up, on roots that work out of stream.
+using TPOOSFN = void (*)(PHIERAKI item);
+
+/// Owner:   its node; before that, whoever made it.
+/// Threads: see the table above. Operations are the interpreter threads', inside the gate, unless
+///          marked WORK_ONLY.
+/// Errors:  lErrorObj is for the application and comes out with the "Error" event.
+class RPCOBJS {
+ public:
+  explicit RPCOBJS(OBJTYPE type);
+  virtual ~RPCOBJS();
+  RPCOBJS(const RPCOBJS&) = delete;
+  RPCOBJS& operator=(const RPCOBJS&) = delete;
+
+  /// AClose on this object. 1127 while it sends or receives.
+  [[nodiscard]] virtual SI4 Close(PHIERAKI item);
+  /// Called on an ancestor when a node with a clean-up duty is unlinked.
+  virtual SI4 CleanUp(PHIERAKI item) WORK_ONLY;
+  /// Queues a buffer, which it owns from here on, whatever it answers. An empty name is completed.
+  [[nodiscard]] virtual SI4 SendBuffer(PHIERAKI item, PCH1 name, PBUFFER buffer, UI4 flag);
+  /// Queues the content of a Z of `size` bytes, which stays the caller's. flag: 0 plain, 1 send and
+  /// close, 2 no answer wanted, 3 report "Sent".
+  [[nodiscard]] virtual SI4 SendZ(PHIERAKI item, PCH1 name, PUI4 z, UI4 size, UI4 flag);
+  /// Turns a Z into a buffer ready to send; the result is the caller's, null on failure.
+  [[nodiscard]] virtual SI4 ComposeBuffer(PUI4 z, UI4 size, PBUFFER* out);
+  /// The same from bytes and, unless file is -1, an open file that follows them and is owned here.
+  /// Without a file the data may be null: the last n bytes of the buffer are then the caller's to
+  /// write.
+  [[nodiscard]] virtual SI4 ComposeBuffer(PUI1 data, UI4 n, int file, PBUFFER* out);
+  [[nodiscard]] virtual SI4 SetRPCProp(PHIERAKI root, PCH10 name, PAA value);
+  [[nodiscard]] virtual SI4 GetRPCProp(PCH10 name, PAA args, PPAA out);
+  /// What the wait that picked this object tells: full name (kFullNameSize + 1 bytes), event word
+  /// (kEventSize), the state it takes now, and a Z that becomes the caller's. 1008 for nothing to
+  /// report. Any other code: the data was bad, the object goes and its connection fails with it.
+  [[nodiscard]] virtual SI4 GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* next,
+                                           PUI4* ppZ);
+  /// The buffer whose counts a listing shows; null for none. The caller only reads the counts.
+  virtual PBUFFER GetBuffer() { return nullptr; }
+
+  /// The turn, on the way down, back up, and after the wait: see work.h.
+  virtual SI4 Setinfo(PFDSETS) WORK_ONLY { return 0; }
+  virtual SI4 Check(PFDSETS) WORK_ONLY { return 0; }
+  virtual SI4 Execute(PFDSETS) WORK_ONLY { return 0; }
+  /// The connection above has ended. True when this object has nothing left to report because of
+  /// that; false to be asked again next turn.
+  virtual bool ConnectionEnded(PHIERAKI item) WORK_ONLY;
+  /// Marked for deletion: gives up what it holds of its connection's stream.
+  virtual void Abandon(PHIERAKI item) WORK_ONLY;
+  /// Data from this object's child proved bad while it was delivered; called by the waiting thread.
+  virtual void ChildFailed(PHIERAKI item, SI4 code);
+  /// A node below became ready, on a root that hands out in order of arrival.
+  virtual void ChildReady(PHIERAKI child);
+  /// A forked child gives the root up: closes descriptors, takes no lock, frees nothing.
+  virtual void CloseAfterFork() {}
+  /// The callback of a root that works out of stream; null for none.
+  virtual TPOOSFN Callback() { return nullptr; }
+
+  // --- the state word
+  OBJSTATE GetState() const { return ToState(word.load(std::memory_order_acquire)); }
+  /// Hand-over: whoever sees the new state sees all that was written before it. For the one side to
+  /// which the object belongs just now.
+  void SetState(OBJSTATE s) { word.store(s, std::memory_order_release); }
+  /// One step that two threads could take. False when the state is another one or seized.
+  bool Move(OBJSTATE from, OBJSTATE to) { return Exchange(from, to); }
+  /// The same for a state that a pick may hold: the pick then finds that its own state came too
+  /// late.
+  bool Replace(OBJSTATE from, OBJSTATE to) {
+    return Exchange(from, to) || Exchange(from | kSeized, to);
+  }
+  bool Seize(OBJSTATE from) { return Exchange(from, from | kSeized); }
+  bool IsSeized() const { return word.load(std::memory_order_acquire) & kSeized; }
+  /// Takes a ready or closed object for the calling wait, which alone has it until Unpick.
+  bool Pick(OBJSTATE from) { return Exchange(from, SProcessing | kSeized); }
+  /// Ends a pick. Does nothing when a later state, such as that of AClose, has been stored.
+  void Unpick(OBJSTATE next) { Exchange(SProcessing | kSeized, next); }
+  /// Stores SFinished unless the object is already on its way out.
+  void Finish();
+
+  /// Becomes ready for the application: notes the time, stores the state, wakes a waiter.
+  void MakeReady(PHIERAKI item, OBJSTATE ready);
+  /// Wakes the nearest waiter on the item or above, or calls the callback.
+  static void Ready4Apl(PHIERAKI item);
+  /// The root object above a node.
+  static ROOT* RootOf(PHIERAKI item);
+
+  /// Hand-over of the fields around the state; plain words that the owner of the moment writes.
+  template <typename T>
+  class WORD {
+   public:
+    explicit WORD(T v) : value(v) {}
+    operator T() const { return value.load(std::memory_order_acquire); }
+    T operator=(T v) {
+      value.store(v, std::memory_order_release);
+      return v;
+    }
+    T Exchange(T v) { return value.exchange(v, std::memory_order_acq_rel); }
+
+   private:
+    std::atomic<T> value;
+  };
+
+  const OBJTYPE Type;
+  WORD<OBJSTATE> NextState{SDoNotChange};   // what a pending step moves to
+  WORD<OBJSTATE> NextPState{SDoNotChange};  // what the parent takes after this was picked up
+  WORD<OBJSTATE> LastState{SDoNotChange};   // the ready state that a wait picked up
+  WORD<OBJMODE> Mode{MCommand};
+  WORD<F8> timeReady;             // Micros
+  WORD<F8> timeCreate;            // Micros
+  WORD<SI4> lErrorObj{0};         // pending error
+  PTHREADSEM pWaiting = nullptr;  // borrowed; guarded by the lock of the root's pool
+
+ private:
+  static constexpr UI4 kSeized = 0x100;
+  static OBJSTATE ToState(UI4 w) { return static_cast<OBJSTATE>(w & ~kSeized); }
+  bool Exchange(UI4 from, UI4 to) {
+    return word.compare_exchange_strong(from, to, std::memory_order_acq_rel,
+                                        std::memory_order_acquire);
+  }
+
+  std::atomic<UI4> word{SNew};
+};
+
+/// A property that answers with a scalar integer; 0 or 1012.
+[[nodiscard]] SI4 PropSI4(SI4 value, PPAA out);
+/// ... with a vector of integers.
+[[nodiscard]] SI4 PropVector(const SI4* values, UI4 count, PPAA out);
+/// ... with a character vector.
+[[nodiscard]] SI4 PropText(PCH10 text, PPAA out);
+/// ... with a nested vector of character vectors.
+[[nodiscard]] SI4 PropWords(const PCH10* words, UI4 count, PPAA out);

@@ -1,0 +1,113 @@
+// gate_test.cpp - what is retired is freed exactly when nobody can look at it any more.
+#include "kyrno/tree/gate.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace {
+
+std::atomic<int> freed{0};
+
+struct THING : RETIRED {
+  explicit THING(int v) : value(v) {}
+  ~THING() override {
+    value = -1;
+    ++freed;
+  }
+  int value;
+};
+
+class Gate : public testing::Test {
+ protected:
+  void SetUp() override {
+    AssumeWorkThread();
+    freed = 0;
+  }
+  void TearDown() override {
+    gate->FreeAll();
+    gate->Release();
+  }
+  GATE* gate = new GATE;
+};
+
+TEST_F(Gate, FreesAtOnceWhenNobodyIsInside) {
+  AssumeWorkThread();
+  gate->Retire(new THING(1));
+  EXPECT_FALSE(gate->Collect());
+  EXPECT_EQ(freed, 1);
+}
+
+TEST_F(Gate, KeepsWhatSomebodyInsideMayHaveFound) {
+  AssumeWorkThread();
+  UI4 before = 0;
+  UI4 after = 0;
+  ASSERT_TRUE(gate->Enter(&before));
+  gate->Retire(new THING(1));
+  EXPECT_TRUE(gate->Collect());
+
+  // One who comes later can't have found it, and doesn't keep it.
+  ASSERT_TRUE(gate->Enter(&after));
+  gate->Collect();
+  EXPECT_EQ(freed, 0);
+  gate->Leave(before);
+  gate->Collect();
+  EXPECT_EQ(freed, 1);
+
+  gate->Leave(after);
+}
+
+TEST_F(Gate, AClosedGateLetsNobodyInAndIsClosedOnce) {
+  UI4 ticket = 0;
+  EXPECT_TRUE(gate->Close());
+  EXPECT_FALSE(gate->Close());
+  EXPECT_FALSE(gate->Enter(&ticket));
+  gate->WaitEmpty();
+}
+
+TEST_F(Gate, UnloadingWaitsForThoseInsideAndParked) {
+  UI4 ticket = 0;
+  ASSERT_TRUE(gate->Enter(&ticket));
+  gate->Park();
+  std::atomic<bool> left{false};
+  gate->Close();
+  std::thread other([&] {
+    gate->Leave(ticket);
+    left = true;
+    gate->Unpark();
+  });
+  gate->WaitEmpty();
+  EXPECT_TRUE(left);
+  other.join();
+}
+
+TEST_F(Gate, ReadersNeverMeetFreedMemory) {
+  AssumeWorkThread();
+  constexpr int kRounds = 20000;
+  std::atomic<THING*> shown{new THING(0)};
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 3; ++i)
+    readers.emplace_back([&] {
+      while (!stop) {
+        UI4 ticket = 0;
+        if (!gate->Enter(&ticket)) return;
+        EXPECT_GE(shown.load()->value, 0);
+        gate->Leave(ticket);
+      }
+    });
+  for (int i = 1; i <= kRounds; ++i) {
+    gate->Retire(shown.exchange(new THING(i)));
+    gate->Collect();
+  }
+  stop = true;
+  for (std::thread& t : readers) t.join();
+  while (gate->Collect()) {
+  }
+  EXPECT_EQ(freed, kRounds);
+  delete shown.load();
+}
+
+}  // namespace
