@@ -109,7 +109,10 @@ OFF_THE_WALK bool ReadHead(const CH1* block, UI4 left, ARRAYHEAD* head) {
   head->type = static_cast<VATYPES>(Tes2VA[eltype]);
   if (head->type == VANoType) return false;
   for (UI2 axis = 0; axis < head->rank; ++axis) {
-    memcpy(&head->shape[axis], block + kArrayHead + 8u * axis, sizeof head->shape[axis]);
+    UI8 extent;
+    memcpy(&extent, block + kArrayHead + 8u * axis, sizeof extent);
+    if (extent > UINT32_MAX) return false;
+    head->shape[axis] = static_cast<UI4>(extent);
   }
   if (!ShapeProduct(head->rank, head->shape, &head->elements)) return false;
   if (head->type == VAPntr) return head->elements <= (left - head->bytes) / kArrayHead;

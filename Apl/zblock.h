@@ -10,7 +10,7 @@
 //   8   1  rank << 4 | type: 0xF simple, 0x7 nested
 //   9   1  element type, low nibble
 //   10  6  zero
-//   16  8  each axis, low 32 bits
+//   16  8  each axis, below 2^32
 //   ..     data of a simple array, padded with zeros to 8 bytes; a nested one has none
 //
 // The size word of a nested array does not describe its extent and is not read. An empty nested

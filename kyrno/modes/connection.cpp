@@ -26,6 +26,18 @@ constexpr SI4 kKeepAliveInterval = 1000;  // ms, when only the time is given
 
 bool Is(PCH10 name, PCH10 word) { return strcasecmp(name, word) == 0; }
 
+/// Lets everything below a connection claim its socket, children first.
+void ClaimSub(PHIERAKI node, PFDSETS sets) WORK_ONLY {
+  node->WalkSub([&](PHIERAKI child) {
+    AssumeWorkThread();
+    RPCOBJS* const object = child->Obj();
+    if (object->GetState() == SFinished || object->GetState() == SMarkedForDeletion) return;
+    ClaimSub(child, sets);
+    sets->pItem = child;
+    object->Check(sets);
+  });
+}
+
 }  // namespace
 
 CONNECTION::CONNECTION() : RPCOBJS(TClient) {}
@@ -188,6 +200,14 @@ SI4 CONNECTION::Setinfo(PFDSETS sets) {
   return 0;
 }
 
+void CONNECTION::TakeClaims(PFDSETS sets) {
+  pRead = sets->pRead;
+  phRead = sets->phRead;
+  pWrite = sets->pWrite;
+  phWrite = sets->phWrite;
+  holdRead = sets->holdRead;
+}
+
 SI4 CONNECTION::Check(PFDSETS sets) {
   pRead = pWrite = nullptr;
   phRead = phWrite = nullptr;
@@ -224,11 +244,7 @@ SI4 CONNECTION::Check(PFDSETS sets) {
     TryEnd(item);
     return 0;
   }
-  pRead = sets->pRead;
-  phRead = sets->phRead;
-  pWrite = sets->pWrite;
-  phWrite = sets->phWrite;
-  holdRead = sets->holdRead;
+  TakeClaims(sets);
   const bool reads = Skip > 0 || (pRead ? !holdRead : pHeader != nullptr);
   if (reads)
     if (const SI4 code = pCon->Wait4R(&sets->ss)) return code;
@@ -251,6 +267,15 @@ SI4 CONNECTION::Execute(PFDSETS sets) {
     return 0;
   }
   if (state != SConnected || EndTo != SDoNotChange) return 0;
+
+  // What came in after the application had added a relay goes to the relay, although the wait had
+  // begun before.
+  if (RootOf(item)->IsWakePending()) {
+    Setinfo(sets);
+    ClaimSub(item, sets);
+    TakeClaims(sets);
+    sets->pItem = item;
+  }
 
   SI4 code = 0;
   if (pCon->Ready4R(&sets->ss)) code = ReadSome(sets, item);

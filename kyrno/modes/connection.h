@@ -104,6 +104,7 @@ class CONNECTION : public RPCOBJS {
   PRPCSOCK pCon = nullptr;              // owned; constant once the object is linked
 
  private:
+  void TakeClaims(PFDSETS sets) WORK_ONLY;
   void EndStream(PHIERAKI item, OBJSTATE to, SI4 code) WORK_ONLY;
   void TryEnd(PHIERAKI item) WORK_ONLY;
   void Handshake(PHIERAKI item) WORK_ONLY;

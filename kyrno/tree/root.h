@@ -34,6 +34,8 @@ class ROOT : public RPCOBJS {
   void Endwork();
   /// The work thread is about to look: a Dirty from now on counts for the next turn.
   void TurnBegins() WORK_ONLY;
+  /// Something has changed since the turn began.
+  bool IsWakePending() const { return wakePending.load(std::memory_order_acquire); }
   /// The work thread's last act: from now on the root answers 1138.
   void WorkEnded() WORK_ONLY;
   /// True in the process that made the root; elsewhere there is no work thread.

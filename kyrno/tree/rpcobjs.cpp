@@ -65,9 +65,26 @@ SI4 CopyBytes(const ZVIEW& view, PUI1 to) {
   return 0;
 }
 
+/// Whether a text would end before its last element.
+bool HoldsZero(PAA text) {
+  const UI1* const data = VAData(text);
+  const UI4 width = VAsize[VAType(text)] / 8;
+  for (UI4 i = 0; i < VACount(text); ++i) {
+    UI4 c = 0;
+    memcpy(&c, data + size_t{width} * i, width);
+    if (c == 0) return true;
+  }
+  return false;
+}
+
 /// Opens what element 1 names, an ordinary file, for reading.
 SI4 OpenNamed(PAA array, int* file) {
   CH1 name[kFileNameSize] = {0};
+  VAHOLD text;
+  if (VAGetpAA(array, 1, text.Out()) == 0 && text.Get()) {
+    const VATYPES type = VAType(text.Get());
+    if ((type == VAC1 || type == VAC2 || type == VAC4) && HoldsZero(text.Get())) return ERR_FILE;
+  }
   SI4 code = VAGetUnicode(array, 1, name, sizeof name, UTF8, VACHAR);
   if (code) return code;
   FDHOLD opened(open(name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));

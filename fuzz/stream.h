@@ -1,0 +1,114 @@
+// stream.h - one connection over a socket pair, turned by hand: what a peer sends, in pieces, goes
+// through the real engine, and every unit that becomes ready is delivered.
+#pragma once
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "kyrno/annotate.h"
+#include "kyrno/modes/connection.h"
+#include "kyrno/tree/root.h"
+
+/// The tree: a root without a work thread, and the connection under test.
+class STREAM {
+ public:
+  /// `make` gets an accepted socket, which the connection owns.
+  template <typename MAKE>
+  explicit STREAM(MAKE make) {
+    AssumeWorkThread();
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) abort();
+    peer = pair[1];
+    connection = make(new RPCSOCK(pair[0]));
+    connection->SetState(SConnected);
+    node = root.AddNew("CON", connection);
+  }
+  ~STREAM() {
+    if (peer >= 0) close(peer);
+  }
+  STREAM(const STREAM&) = delete;
+  STREAM& operator=(const STREAM&) = delete;
+
+  /// The peer sends; the engine turns until it has taken all or the connection has ended.
+  void Send(const UI1* data, size_t n) {
+    while (n > 0 && connection->GetState() == SConnected) {
+      const ssize_t sent = send(peer, data, n, MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (sent > 0) {
+        data += sent;
+        n -= static_cast<size_t>(sent);
+      }
+      for (int i = 0; i < 4; ++i) Turn();
+    }
+  }
+  void ClosePeer() {
+    close(peer);
+    peer = -1;
+    for (int i = 0; i < 8; ++i) Turn();
+  }
+
+ private:
+  void Turn() {
+    AssumeWorkThread();
+    FDSETS sets;
+    Clear(&sets.ss);
+    sets.pItem = node;
+    connection->Setinfo(&sets);
+    CheckChildren(node, &sets);
+    sets.pItem = node;
+    connection->Check(&sets);
+    sets.ss.cntBuffered = 1;  // poll only
+    SI4 count = 0;
+    if (SfWait(&sets.ss, 0, &count)) abort();
+    sets.pItem = node;
+    connection->Execute(&sets);
+    Deliver(node);
+  }
+
+  static void CheckChildren(PHIERAKI parent, PFDSETS sets) WORK_ONLY {
+    parent->WalkSub([&](PHIERAKI child) {
+      AssumeWorkThread();
+      CheckChildren(child, sets);
+      sets->pItem = child;
+      child->Obj()->Check(sets);
+    });
+  }
+
+  /// Picks every ready unit below, as waiting threads do, and removes what is finished.
+  void Deliver(PHIERAKI parent) WORK_ONLY {
+    for (PHIERAKI done = parent; done;) {
+      done = nullptr;
+      parent->WalkSub([&](PHIERAKI child) {
+        AssumeWorkThread();
+        Deliver(child);
+        if (TakeOne(child)) done = child;
+      });
+      if (!done) return;
+      parent->Unlink(done);
+      delete done;
+    }
+  }
+
+  static bool TakeOne(PHIERAKI child) {
+    RPCOBJS* const obj = child->Obj();
+    const OBJSTATE state = obj->GetState();
+    if (state == SFinished) return true;
+    if (!IsReadyState(state) || !obj->Pick(state)) return false;
+    obj->LastState = state;
+    CH1 name[kFullNameSize + 1];
+    CH1 event[kEventSize];
+    OBJSTATE next = SFinished;
+    PUI4 z = nullptr;
+    const SI4 code = obj->GetWaitReturns(child, name, event, &next, &z);
+    (void)code;
+    free(z);
+    obj->Unpick(next);
+    return obj->GetState() == SFinished;
+  }
+
+  int peer = -1;
+  HIERAKI root{"ROOT", new ROOT};
+  CONNECTION* connection = nullptr;
+  PHIERAKI node = nullptr;
+};

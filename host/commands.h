@@ -1,0 +1,62 @@
+// commands.h - what the program can be asked to do, one function per command word. Each returns
+// the exit code and throws what it cannot handle.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "host/console.h"
+
+namespace host {
+
+/// Where the program's own servers listen and its own clients call.
+inline constexpr char kLoopback[] = "127.0.0.1";
+
+/// An end of a connection, as the command line names it.
+struct Endpoint {
+  std::string mode;
+  std::string address;  ///< empty: any, for a server
+  std::string port;     ///< a number or the name of a service
+};
+
+/// "HOST:PORT", "[::1]:PORT" or, where an address may be left out, "PORT". Throws
+/// std::invalid_argument with what is wanted.
+Endpoint ParseEndpoint(const std::string& mode, const std::string& text, bool needsAddress);
+
+/// The options of a server or client that the command line offers.
+struct Tuning {
+  std::vector<std::string> stops;  ///< end-of-message sequences, escapes already resolved
+  int bufferSize = 0;              ///< 0: the library's own
+  int magic = 0;
+};
+
+/// Resolves \n, \r, \t, \0, \xHH and \\. Throws std::invalid_argument on any other escape.
+std::string Unescape(const std::string& text);
+
+struct Settings {
+  bool trace = false;
+};
+
+/// Arguments of ASrv and AClt; the object gets a generated name where `name` is empty.
+Options ObjectOptions(const std::string& name, const Endpoint& end, const Tuning& tuning);
+
+/// A session whose time-outs and closings are events, with the log on where it is asked for.
+class HostSession : public Session {
+ public:
+  HostSession(const Library& lib, const std::string& name, const Settings& settings);
+};
+
+/// Set by SIGINT and SIGTERM after CatchInterrupts.
+bool Interrupted();
+void CatchInterrupts();
+
+int Serve(const Console& console, const Settings& settings, const Endpoint& end,
+          const Tuning& tuning);
+int Send(const Console& console, const Settings& settings, const Endpoint& end,
+         const Tuning& tuning, const std::vector<ZValue>& values, int waitMillis);
+int Tree(const Console& console, const Settings& settings);
+int Demo(const Console& console, const Settings& settings);
+/// The other process of the demo: serves until it is ended, its ports told on a descriptor.
+int DemoPeer(const Console& console, const Settings& settings, int portsFd);
+
+}  // namespace host

@@ -1,0 +1,105 @@
+// demo_peer.cpp - the other process of the demo: it serves what the first one calls.
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <stdexcept>
+
+#include "host/demo.h"
+
+namespace host {
+
+namespace {
+
+constexpr int kTurnMillis = 250;
+constexpr int kMaxBlock = 1 << 20;
+
+/// One server per mode, and one that cuts lines.
+Json StartServers(const Session& session) {
+  Json ports;
+  const auto start = [&](const std::string& name, const std::string& mode, const Tuning& tuning) {
+    session.Server(ObjectOptions(name, {mode, kLoopback, "0"}, tuning));
+    ports[name] = session.Port(name);
+  };
+  Tuning blocks;
+  blocks.magic = kDemoMagic;
+  blocks.bufferSize = kMaxBlock;
+  Tuning lines;
+  lines.stops = kLineStops;
+  start("command", "command", {});
+  start("blkraw", "blkraw", blocks);
+  start("blktext", "blktext", blocks);
+  start("raw", "raw", {});
+  start("text", "text", {});
+  start("lines", "text", lines);
+  return ports;
+}
+
+void TellPorts(const Json& ports, int fd) {
+  const std::string line = Print(ports) + "\n";
+  if (write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+    throw std::runtime_error("nobody listens for the ports");
+}
+
+/// What it does with each event. One thread, one session.
+class Responder {
+ public:
+  explicit Responder(const Session& s) : session(s) {}
+
+  void Handle(const Event& event) {
+    if (event.event == "Receive") return Answer(event);
+    if (event.event != "Block") return;
+    // A block goes by the name of its connection.
+    const bool line = event.name.starts_with("lines.");
+    session.Send(event.name,
+                 line ? NumberedLine(++lineNumber[event.name], event.value.Text()) : event.value);
+  }
+
+ private:
+  void Answer(const Event& event) {
+    if (event.value == ZValue(kNextPlease)) return AnswerLastHeld();
+    const std::string name = event.name.substr(event.name.rfind('.') + 1);
+    if (name.starts_with(kReverseName)) return held.push_back(event);
+    if (name == kProgressName)
+      for (int i = 0; i < kProgressReports; ++i) session.Respond(event.name, ProgressReport(i), 0);
+    session.Respond(event.name, event.value);
+  }
+
+  void AnswerLastHeld() {
+    const Event last = held.back();
+    held.pop_back();
+    session.Respond(last.name, last.value);
+  }
+
+  const Session& session;
+  std::vector<Event> held;
+  std::map<std::string, int> lineNumber;  // by connection
+};
+
+}  // namespace
+
+int DemoPeer(const Console& console, const Settings& settings, int portsFd) {
+  prctl(PR_SET_PDEATHSIG, SIGTERM);  // the demo may be ended without a chance to end this one
+  CatchInterrupts();
+  const Library library;
+  const HostSession session(library, "SERVER", settings);
+  TellPorts(StartServers(session), portsFd);
+
+  Responder responder(session);
+  bool failed = false;
+  while (!Interrupted()) {
+    const Event event = session.Wait(".", kTurnMillis);
+    if (event.IsTimeout()) continue;
+    if (event.code != 0) throw library.Error("AWaitZ", event.code);
+    console.Show("served", event);
+    try {
+      responder.Handle(event);
+    } catch (const LibraryError& error) {
+      console.Fail(error);
+      failed = true;  // and on with the rest: the other end misses what did not come
+    }
+  }
+  return failed ? 1 : 0;
+}
+
+}  // namespace host

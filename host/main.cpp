@@ -1,0 +1,112 @@
+// main.cpp - the command line of kyrno-host.
+#include <CLI/CLI.hpp>
+#include <limits>
+
+#include "host/commands.h"
+
+namespace {
+
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+using namespace host;
+
+/// What a command word takes besides its own arguments.
+void AddTuning(CLI::App* word, std::vector<std::string>* stops, Tuning* tuning) {
+  word->add_option("--eom", *stops, "Cut text and raw streams behind this sequence; repeatable")
+      ->type_name("TEXT")
+      ->allow_extra_args(false)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  word->add_option("--buffer-size", tuning->bufferSize, "Largest unit in bytes")
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()));
+  word->add_option("--magic", tuning->magic, "Word that marks each block of the block modes");
+}
+
+/// The parser takes words in brackets apart as lists of its own. A blank in front keeps them whole.
+bool IsBracketed(const std::string& word) {
+  const std::size_t first = word.find_first_not_of(' ');
+  return first != std::string::npos && word[first] == '[' && word.back() == ']';
+}
+
+/// The arguments, last one first, as the parser wants them.
+std::vector<std::string> Shield(int argc, char** argv) {
+  std::vector<std::string> reversed;
+  for (int i = argc - 1; i > 0; --i)
+    reversed.push_back((IsBracketed(argv[i]) ? " " : "") + std::string(argv[i]));
+  return reversed;
+}
+
+std::string Unshield(const std::string& word) { return IsBracketed(word) ? word.substr(1) : word; }
+
+std::string UsageLine(const std::exception& error) {
+  return std::string("kyrno-host: ") + error.what() + " (kyrno-host --help shows the usage)\n";
+}
+
+int Run(int argc, char** argv) {
+  CLI::App app("An interpreter's side of the Kyrno library, for the command line.", "kyrno-host");
+  app.require_subcommand(0, 1);
+  bool json = false;
+  Settings settings;
+  app.add_flag("--json", json, "One JSON object per line");
+  app.add_flag("--trace", settings.trace, "Write the library's log to kyrno.log here");
+  app.fallthrough();
+
+  std::string mode;
+  std::string where;
+  Endpoint end;
+  std::vector<std::string> words;
+  std::vector<ZValue> values;
+  std::vector<std::string> stops;
+  Tuning tuning;
+  int waitMillis = 5000;
+  int portsFd = -1;
+  const CLI::IsMember modes({"command", "blkraw", "blktext", "raw", "text"});
+
+  CLI::App* demo = app.add_subcommand("demo", "Two processes talk in every mode and compare");
+  CLI::App* serve = app.add_subcommand("serve", "Send back all that comes, until interrupted");
+  serve->add_option("MODE", mode)->required()->check(modes);
+  serve->add_option("PORT", where, "[ADDRESS:]PORT; port 0 takes a free one")->required();
+  AddTuning(serve, &stops, &tuning);
+  CLI::App* send = app.add_subcommand("send", "Send values and print what comes back");
+  send->add_option("MODE", mode)->required()->check(modes);
+  send->add_option("PEER", where, "HOST:PORT")->required();
+  send->add_option("VALUE", words, "JSON, or a word that is taken as text")->required();
+  send->add_option("--wait", waitMillis, "Milliseconds of silence that end it")
+      ->check(CLI::Range(0, std::numeric_limits<int>::max()))
+      ->capture_default_str();
+  AddTuning(send, &stops, &tuning);
+  CLI::App* tree = app.add_subcommand("tree", "Make a few objects and draw the object tree");
+  CLI::App* peer = app.add_subcommand("demo-peer", "The other process of the demo");
+  peer->group("")->add_option("fd", portsFd)->required();
+
+  try {
+    app.parse(Shield(argc, argv));
+    if (app.get_subcommands().empty())
+      throw std::invalid_argument("say what to do: demo, serve, send or tree");
+    for (const std::string& stop : stops) tuning.stops.push_back(Unescape(Unshield(stop)));
+    for (const std::string& word : words) values.push_back(FromArgument(Unshield(word)));
+    if (*serve || *send) end = ParseEndpoint(mode, where, !!*send);
+  } catch (const CLI::CallForHelp& help) {
+    return app.exit(help);
+  } catch (const std::exception& error) {
+    std::cerr << UsageLine(error);
+    return kExitUsage;
+  }
+
+  const Console console(json);
+  try {
+    if (*serve) return Serve(console, settings, end, tuning);
+    if (*send) return Send(console, settings, end, tuning, values, waitMillis);
+    if (*tree) return Tree(console, settings);
+    if (*peer) return DemoPeer(console, settings, portsFd);
+    if (*demo) return Demo(console, settings);
+  } catch (const std::exception& error) {
+    console.Fail(error);
+    return kExitFailed;
+  }
+  return kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) { return Run(argc, argv); }

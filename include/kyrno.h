@@ -1,0 +1,111 @@
+/* kyrno.h - the functions that kyrno32_64.so exports, for C and C++.
+ *
+ * A program opens the library with dlopen and finds these names with dlsym. It calls Init once for
+ * each root it wants, then Call with that root's name, from as many threads as it likes. A root
+ * ends with the command "AClose" on "." or when the library is unloaded. No function throws or
+ * ends the process. Codes are 0 for success, 100 for a time-out, 1000 and above for the library's
+ * own errors, and otherwise errno values; ErrorText explains each.
+ *
+ * The Z block: one array with all that it holds, flat in memory.
+ *
+ *   offset  bytes     order    content
+ *   0       4         big      length of the block, these 8 bytes included
+ *   4       4         big      header word: 0xA4; 0xA0 where one-byte text is in the caller's own
+ *                              character set instead of Unicode
+ *   8       the rest           the array
+ *
+ * An array, offsets from its own start, all numbers little-endian:
+ *
+ *   0       8                  rank + 3 + data bytes / 8, rounded up: for a simple array one more
+ *                              than the 8-byte words it takes up
+ *   8       1                  low nibble 15 simple or 7 nested; high nibble the rank, 0 to 15
+ *   9       1                  low nibble the element type; high nibble 0
+ *   10      6                  0
+ *   16      8 * rank           length of each axis
+ *   then    simple             the elements in ravel order, padded with zeros to a multiple of 8
+ *           nested             each item as a whole array, one behind the other, in ravel order;
+ *                              they count as 8 data bytes each
+ *
+ * Element types: 0 one-byte character of the caller's set, 1 Boolean (8 in a byte, the first in
+ * the high bit), 2, 3 and 4 integers of 1, 2 and 4 bytes, 5 IEEE double, 6 nested, 7, 8 and 9
+ * Unicode characters of 1, 2 and 4 bytes, 10 complex (two doubles), 12 and 14 decimals of 16 bytes.
+ */
+#ifndef KYRNO_H
+#define KYRNO_H
+
+#include <stdint.h>
+
+#define KYRNO_API __attribute__((visibility("default")))
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Prepares the library. The dynamic loader runs it; callers leave it alone. */
+KYRNO_API void onLoad(void);
+
+/** Ends every root and gives all memory back. The dynamic loader runs it before the library goes;
+ *  no other thread may be inside the library then. */
+KYRNO_API void onUnload(void);
+
+/** The version as one number, 30201503. Where v is not null, v[0] to v[2] get its parts. */
+KYRNO_API int32_t Version(uint32_t* v);
+
+/** Makes the root of that name and starts its work thread. Of loadPath, the path of a file, the
+ *  folder is kept. Returns 1043 where a root of that name exists. Any thread. */
+KYRNO_API int32_t Init(const char* root, const char* loadPath);
+
+/** Runs one command on a root. Any number of threads may be inside at once. "AWaitZ" blocks its
+ *  own thread for up to its time-out and "AClt" while it finds and reaches the peer; the others
+ *  only queue work.
+ *
+ *  right: must not be null. *right is the argument, or null for none, and becomes the result: a new
+ *         Z block, always there unless memory has run out.
+ *  left:  may be null. *left is the second argument of the commands that take one ("ASendZ",
+ *         "ARespondZ": the array to send), and the second result of "AWaitZ": the data of the
+ *         event, a new Z block.
+ *
+ *  Blocks passed in are only read and stay the caller's, who therefore keeps his own copy of the
+ *  pointer. New blocks go back through FreeUsedTessorResult.
+ *
+ *  Returns 0 when the command ran: how it fared is the first element of the result. Otherwise the
+ *  command was not reached, and the result is the pair (20, code): 1003 no such command, 1004 wrong
+ *  number of arguments, 1006 no such root, 1044 no Init yet, 1131 no well-formed Z block. */
+KYRNO_API int32_t Call(const char* root, const char* command, uint32_t** right, uint32_t** left);
+
+/** As Call, with left not null; where the command leaves *left as it was, *left becomes a new
+ *  scalar Z block that holds the code. */
+KYRNO_API int32_t Call1(const char* root, const char* command, uint32_t** right, uint32_t** left);
+
+/** The same as Call. */
+KYRNO_API int32_t Call2(const char* root, const char* command, uint32_t** right, uint32_t** left);
+
+/** Writes the name and the text of a code, each cut to its buffer and ended by a zero. The sizes
+ *  are those of the buffers on the way in and the lengths of the texts on the way out. Returns the
+ *  code. Any thread. */
+KYRNO_API int32_t ErrorText(int32_t code, char* name, int32_t* nameSize, char* text,
+                            int32_t* textSize);
+
+/** Installs the two tables of 256 bytes that translate one-byte text from the caller's character
+ *  set to the host's and back. Names have up to 7 characters. Call it before the first Call. */
+KYRNO_API int32_t SetXLate(const char* aplName, const char* hostName, const char* toHost,
+                           const char* fromHost);
+
+/** Copies the two tables of 256 bytes that translate from the first set to the second and back.
+ *  Names have up to 6 characters. */
+KYRNO_API int32_t GetXLate(const char* first, const char* second, char* there, char* back);
+
+/** Wakes the work thread of a root. Returns 1006 where there is no such root. Any thread. */
+KYRNO_API int32_t KickStart(const char* root);
+
+/** Gives back a Z block that this library handed out; null is allowed. Any thread. */
+KYRNO_API void FreeUsedTessorResult(void* z);
+
+/** The time in microseconds since 1970, as in the results of "AWaitZ". */
+KYRNO_API double Micros(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,26 @@
+// arrays.h - what the commands read from their argument, and the arrays that they answer with.
+#pragma once
+
+#include <cstdlib>
+#include <memory>
+
+#include "Apl/vapl.h"
+
+struct FREE {
+  void operator()(PVOID p) const { free(p); }
+};
+using TEXT = std::unique_ptr<CH1, FREE>;
+
+/// The text of one item, of any length.
+[[nodiscard]] SI4 ReadText(const VARRAY* arg, UI4 index, TEXT* text);
+/// How many items an argument has. A text counts as one.
+UI4 ItemCount(const VARRAY* arg);
+
+// Results are the caller's; null without memory.
+
+/// A vector of one integer, the code.
+PAA CodeResult(SI4 code);
+/// (0, value), which takes the value over; a null value, or too little memory, is (1012).
+PAA ValueResult(PAA value);
+/// A text as a value; null without memory.
+PAA TextValue(PCH10 text);

@@ -1,0 +1,250 @@
+// ready_test.cpp - the strategies on small trees without sockets.
+#include "kyrno/boundary/ready.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Apl/vaset.h"
+#include "kyrno/base/error.h"
+#include "kyrno/modes/connection.h"
+#include "kyrno/modes/server.h"
+
+namespace {
+
+class LISTENER : public SERVER {
+ public:
+  LISTENER() : SERVER(MCommand) {}
+
+ protected:
+  RPCOBJS* NewConnection(PRPCSOCK) override { return nullptr; }
+};
+
+RPCOBJS* NewObject(OBJTYPE type) {
+  if (type == TClient) return new CONNECTION;
+  if (type == TServer) return new LISTENER;
+  return new RPCOBJS(type);
+}
+
+struct NODE {
+  PCH10 path;
+  OBJTYPE type;
+  OBJSTATE state;
+  F8 ready;
+};
+
+class TREE {
+ public:
+  explicit TREE(const std::vector<NODE>& nodes = {}) : root(new HIERAKI("root", new ROOT)) {
+    for (const NODE& n : nodes) Add(n);
+  }
+  ~TREE() { delete root; }
+
+  PHIERAKI Add(const NODE& n) {
+    RPCOBJS* const object = NewObject(n.type);
+    object->timeReady = n.ready;
+    object->SetState(n.state);
+    return root->AddNew(n.path, object);
+  }
+  PHIERAKI At(PCH10 path) { return root->FindLeaf(path); }
+
+  /// Takes one object and ends it, as a wait does; its path, or nothing.
+  std::string Deliver(PFNREADY fn, PHIERAKI from = nullptr) {
+    PHIERAKI found = nullptr;
+    if (!fn(from ? from : root, &found)) return "";
+    CH1 path[kFullNameSize + 1];
+    found->FullName(path, kFullNameSize);
+    found->Obj()->Unpick(SFinished);
+    return path;
+  }
+
+  std::string DeliverAll(PFNREADY fn, PHIERAKI from = nullptr) {
+    std::string all;
+    for (std::string one = Deliver(fn, from); !one.empty(); one = Deliver(fn, from))
+      all += (all.empty() ? "" : " ") + one;
+    return all;
+  }
+
+  PHIERAKI const root;
+};
+
+const PFNREADY kAll[] = {FindReady, FindReadyRR, FindReadyTO, FindReadyTS, FindReadyTnc};
+
+TEST(Ready, EachStrategyHasItsOrder) {
+  const std::vector<NODE> nodes = {{"A", TClient, SConnected, 0},  {"A.1", TMessage, SAPL, 5},
+                                   {"A.2", TMessage, SAPL, 2},     {"B", TClient, SConnected, 0},
+                                   {"B.1", TMessage, SAPL, 1},     {"B.2", TMessage, SSent, 9},
+                                   {"C", TClient, SIncoming, 3},   {"D", TClient, SConnected, 0},
+                                   {"D.1", TMessage, SSending, 0}, {"D.2", TMessage, SAPLLast, 4}};
+  const struct {
+    PFNREADY fn;
+    PCH10 order;
+  } cases[] = {
+      {FindReady, "A.1 A.2 B.1 B.2 C D.2"},    {FindReadyRR, "A.1 B.1 C D.2 A.2 B.2"},
+      {FindReadyTO, "B.1 A.2 C D.2 A.1 B.2"},  {FindReadyTS, "B.1 C D.2 A.1 A.2 B.2"},
+      {FindReadyTnc, "B.1 C D.2 A.1 A.2 B.2"},
+  };
+  for (const auto& c : cases) {
+    TREE tree(nodes);
+    EXPECT_EQ(tree.DeliverAll(c.fn), c.order) << &c - cases;
+  }
+}
+
+TEST(Ready, WhatBelongsTogetherComesInItsOrder) {
+  struct CASE {
+    PCH10 what;
+    std::vector<NODE> nodes;
+    PCH10 order;
+  };
+  const CASE cases[] = {
+      {"of equal times the older sibling wins",
+       {{"A", TClient, SConnected, 0}, {"A.1", TMessage, SAPL, 3}, {"B", TClient, SIncoming, 3}},
+       "A.1 B"},
+      {"a closed connection comes behind its units, and failures between them",
+       {{"A", TClient, SSocketClosed, 1}, {"A.1", TCommand, SError, 2}, {"A.2", TMessage, SAPL, 5}},
+       "A.2 A.1 A"},
+      {"so does a failed one",
+       {{"A", TClient, SError, 1}, {"A.1", TCommand, SError, 2}, {"A.2", TMessage, SAPL, 5}},
+       "A.2 A.1 A"},
+      {"progress comes before its answer",
+       {{"A", TClient, SConnected, 0}, {"A.1", TCommand, SAPL, 1}, {"A.1.P", TMessage, SAPL, 9}},
+       "A.1.P A.1"},
+      {"progress comes before its failure, also on a closed connection",
+       {{"A", TClient, SSocketClosed, 1},
+        {"A.1", TCommand, SError, 1},
+        {"A.1.P", TMessage, SAPL, 9}},
+       "A.1.P A.1 A"},
+      {"below a finished object nothing is found",
+       {{"A", TClient, SFinished, 0}, {"A.1", TMessage, SAPL, 1}},
+       ""},
+      {"below a server as well",
+       {{"S", TServer, SListen, 0}, {"S.A", TClient, SError, 2}, {"S.A.1", TMessage, SAPL, 3}},
+       "S.A.1 S.A"},
+  };
+  for (const CASE& c : cases) {
+    for (PFNREADY fn : kAll) {
+      TREE tree(c.nodes);
+      EXPECT_EQ(tree.DeliverAll(fn), c.order) << c.what;
+    }
+  }
+}
+
+TEST(Ready, AConnectionThatThisSideClosesIsNoEvent) {
+  for (PFNREADY fn : kAll) {
+    TREE tree({{"A", TClient, SSocketClosed, 1}, {"A.1", TMessage, SAPL, 5}});
+    static_cast<PCONNECTION>(tree.At("A")->Obj())->ActiveClose = 1.0;
+    EXPECT_EQ(tree.DeliverAll(fn), "A.1");
+  }
+}
+
+TEST(Ready, WhyAnObjectWasPickedIsNoted) {
+  TREE tree({{"A", TClient, SSocketClosed, 1}, {"A.1", TMessage, SAPLLast, 5}});
+  PHIERAKI found = nullptr;
+  ASSERT_EQ(FindReadyTO(tree.root, &found), tree.At("A.1"));
+  EXPECT_EQ(found->Obj()->LastState, SAPLLast);
+  EXPECT_EQ(found->Obj()->GetState(), SProcessing);
+
+  // The connection's own end waits until the unit has arrived.
+  EXPECT_EQ(FindReadyTO(tree.root, &found), nullptr);
+  tree.At("A.1")->Obj()->Unpick(SFinished);
+  ASSERT_EQ(FindReadyTO(tree.root, &found), tree.At("A"));
+  EXPECT_EQ(found->Obj()->LastState, SError);
+  EXPECT_EQ(found->Obj()->lErrorObj, ERR_CLOSED);
+}
+
+TEST(Ready, RoundRobinTurnsTheServerAndTheRoot) {
+  TREE tree({{"S", TServer, SListen, 0},
+             {"S.A", TClient, SConnected, 0},
+             {"S.A.1", TCommand, SProcessing, 0},
+             {"S.A.1.P", TMessage, SAPL, 1},
+             {"S.A.2", TMessage, SAPL, 1},
+             {"S.B", TClient, SConnected, 0},
+             {"S.B.1", TMessage, SAPL, 1},
+             {"T", TClient, SConnected, 0},
+             {"T.1", TMessage, SAPL, 1}});
+  EXPECT_EQ(tree.DeliverAll(FindReadyRR), "S.A.1.P T.1 S.B.1 S.A.2");
+}
+
+TEST(Ready, TheBudgetIsTenDescentsOfTheWholeSearch) {
+  TREE tree;
+  for (CH1 c = 'a'; c < 'm'; ++c) {
+    const CH1 name[] = {c, 0};
+    tree.Add({name, TClient, SConnected, 0});
+  }
+  // One descent is the root's, so nine connections are looked at.
+  tree.Add({"j.1", TMessage, SAPL, 1});
+  EXPECT_EQ(tree.Deliver(FindReadyTnc), "");
+  tree.Add({"i.1", TMessage, SAPL, 2});
+  EXPECT_EQ(tree.Deliver(FindReadyTnc), "i.1");
+  EXPECT_EQ(tree.Deliver(FindReadyTO), "j.1");
+
+  // A failed connection needs no descent when there is nothing below it.
+  tree.At("k")->Obj()->SetState(SError);
+  EXPECT_EQ(tree.Deliver(FindReadyTnc), "k");
+  tree.Add({"l.1", TMessage, SAPL, 1});
+  tree.At("l")->Obj()->SetState(SError);
+  EXPECT_EQ(tree.Deliver(FindReadyTnc), "");
+}
+
+TEST(Ready, AServerCanBeSearchedForNewConnectionsOnly) {
+  TREE tree({{"S", TServer, SListen, 0},
+             {"S.A", TClient, SConnected, 0},
+             {"S.A.1", TMessage, SAPL, 1},
+             {"S.B", TClient, SSocketClosed, 1},
+             {"S.C", TClient, SIncoming, 5}});
+  PHIERAKI const server = tree.At("S");
+  const VAHOLD on(VANew(VAI4, 0, nullptr));
+  ASSERT_EQ(VASetSI4(on.Get(), 0, 1), 0);
+  ASSERT_EQ(server->Obj()->SetRPCProp(tree.root, "ConnectionOnly", on.Get()), 0);
+
+  EXPECT_EQ(tree.DeliverAll(FindReadyTnc, server), "S.C");
+  EXPECT_EQ(tree.DeliverAll(FindReadyTnc, tree.At("S.A")), "S.A.1");
+}
+
+TEST(Ready, WithABudgetTheLastUnitEndsWithItsClosedConnection) {
+  TREE tree({{"A", TClient, SSocketClosed, 1}, {"A.1", TCommand, SAPL, 5}});
+  tree.At("A.1")->Obj()->NextState = SProcessing;
+  ASSERT_EQ(tree.Deliver(FindReadyTnc), "A.1");
+  EXPECT_EQ(tree.At("A.1")->Obj()->NextState, SFinished);
+}
+
+TEST(Ready, InFifoModeTheOrderIsThatOfArrival) {
+  TREE tree({{"S", TServer, SListen, 0},
+             {"S.A", TClient, SIncoming, 9},
+             {"S.B", TClient, SFinished, 1},
+             {"S.C", TClient, SSocketClosed, 1},
+             {"S.D", TClient, SIncoming, 1}});
+  SERVER* const server = static_cast<SERVER*>(tree.At("S")->Obj());
+  for (PCH10 path : {"S.D", "S.B", "S.C", "S.A"}) server->ReadyFn(tree.At(path));
+  EXPECT_EQ(tree.DeliverAll(PopReady, tree.At("S")), "S.D S.C S.A");
+  EXPECT_EQ(tree.At("S.C")->Obj()->lErrorObj, ERR_CLOSED);
+}
+
+TEST(Ready, NoObjectIsGivenToTwoThreads) {
+  constexpr int kConnections = 8;
+  constexpr int kUnits = 25;
+  for (PFNREADY fn : kAll) {
+    TREE tree;
+    for (int i = 0; i < kConnections; ++i) {
+      const std::string name = "C" + std::to_string(i);
+      tree.Add({name.c_str(), TClient, i % 2 ? SConnected : SSocketClosed, 1});
+      for (int k = 0; k < kUnits; ++k)
+        tree.Add({(name + "." + std::to_string(k)).c_str(), TMessage, SAPL, F8(k)});
+    }
+    std::atomic<int> taken{0};
+    auto work = [&] {
+      while (!tree.Deliver(fn).empty()) ++taken;
+    };
+    std::thread threads[] = {std::thread(work), std::thread(work), std::thread(work)};
+    for (std::thread& t : threads) t.join();
+    while (!tree.Deliver(fn).empty()) ++taken;
+    EXPECT_EQ(taken, kConnections * kUnits + kConnections / 2);
+  }
+}
+
+}  // namespace
