@@ -152,12 +152,11 @@ SI4 WaitZ1(ROOTSHARE& share, PCH10 name, SI4 timeout, PCH1 objname, PCH1 event, 
   *event = 0;
   *ppZ = nullptr;
   ROOT* const root = share.Object();
-  if (const SI4 code = root->lErrorObj) return share.IsClosing() ? ERR_OBJECT_NOT_FOUND : code;
-
   const F8 start = Micros();
   PFNREADY fn = nullptr;
   WAITER waiter(root->Waiters);
   for (;;) {
+    if (const SI4 ended = root->lErrorObj) return share.IsClosing() ? ERR_OBJECT_NOT_FOUND : ended;
     PHIERAKI const item = share.Root()->FindLeaf(name);
     if (!item || !item->Obj()) return ERR_OBJECT_NOT_FOUND;
     if (item->Obj()->Type == TConnection && IsFifo(item->Parent())) return ERR_FIFOMODE;

@@ -33,7 +33,7 @@ void CMDCONNECTION::Begin() {
 
 SI4 CMDCONNECTION::SendZ(PHIERAKI item, PCH1 name, PUI4 z, UI4 size, UI4 flag) {
   if (Type == TConnection) return ERR_INVALID_OBJECT;
-  if (GetState() != SConnected) return ERR_CLOSED;
+  if (!IsOpen()) return ERR_CLOSED;
 
   // The name goes into the header, so it is made here.
   CH1 own[kMaxName] = {0};
@@ -56,7 +56,7 @@ SI4 CMDCONNECTION::SendZ(PHIERAKI item, PCH1 name, PUI4 z, UI4 size, UI4 flag) {
 }
 
 SI4 CMDCONNECTION::Respond(PHIERAKI node, PCH10 name, PUI4 z, UI4 size, bool complete) {
-  if (GetState() != SConnected) return ERR_CLOSED;
+  if (!IsOpen()) return ERR_CLOSED;
   LOG(3, (complete ? "Respond to %s" : "Progress to %s", name));
   if (node->Obj()->Type != TCommand) return ERR_INVALID_OBJECT;
   COMMAND* const command = static_cast<COMMAND*>(node->Obj());

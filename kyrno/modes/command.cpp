@@ -287,10 +287,11 @@ bool COMMAND::ConnectionEnded(PHIERAKI item) {
     MakeReady(item, SError);
     return true;
   }
-  // While "Sent" waits, or the application has the command in its hands, it is too early: whoever
-  // ends that wakes the work thread.
+  // While "Sent" waits, or a command that came in, or the application has it in its hands, it is
+  // too early: whoever ends that wakes the work thread.
   const OBJSTATE state = GetState();
-  return state != SSent && (state < SReadyToSend || state > SReceiving);
+  if (state == SSent || (state == SAPL && NextState == SProcessing)) return false;
+  return state < SReadyToSend || state > SReceiving;
 }
 
 void COMMAND::Abandon(PHIERAKI item) {

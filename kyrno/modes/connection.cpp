@@ -21,6 +21,7 @@ static constexpr UI4 MODULE = 0x00000080;
 namespace {
 
 constexpr UI4 kDropBytes = 10000;  // at most this much of what nobody wants is read at a time
+constexpr UI4 kReadsPerTurn = 16;
 constexpr UI4 kMaxCompLevel = 9;
 constexpr SI4 kKeepAliveInterval = 1000;  // ms, when only the time is given
 
@@ -115,13 +116,13 @@ SI4 CONNECTION::Queue(PHIERAKI item, PCH10 leaf, RPCOBJS* child) {
   owned.release();
   // The connection may have ended since the caller looked: what can't be sent any more is not
   // accepted.
-  if (GetState() != SConnected && child->Move(SReadyToSend, SFinished)) return ERR_CLOSED;
+  if (!IsOpen() && child->Move(SReadyToSend, SFinished)) return ERR_CLOSED;
   return RootOf(item)->Dirty();
 }
 
 SI4 CONNECTION::SendBuffer(PHIERAKI item, PCH1 name, PBUFFER buffer, UI4 flag) {
   std::unique_ptr<BUFFER> owned(buffer);
-  if (GetState() != SConnected) return ERR_CLOSED;
+  if (!IsOpen()) return ERR_CLOSED;
   MESSAGE* const message = new (std::nothrow) MESSAGE(buffer, SReadyToSend);
   if (!message) return ERR_MEMORY_ALLOC;
   owned.release();
@@ -135,7 +136,7 @@ SI4 CONNECTION::SendBuffer(PHIERAKI item, PCH1 name, PBUFFER buffer, UI4 flag) {
 }
 
 SI4 CONNECTION::SendZ(PHIERAKI item, PCH1 name, PUI4 z, UI4 size, UI4 flag) {
-  if (GetState() != SConnected) return ERR_CLOSED;
+  if (!IsOpen()) return ERR_CLOSED;
   PBUFFER buffer = nullptr;
   const SI4 code = ComposeBuffer(z, size, &buffer);
   return code ? code : SendBuffer(item, name, buffer, flag);
@@ -185,8 +186,17 @@ SI4 CONNECTION::GetRPCProp(PCH10 name, PAA, PPAA out) {
 }
 
 void CONNECTION::ChildFailed(PHIERAKI item, SI4 code) {
+  if (ReportInstead(item, code)) return;
   lChildFailed.store(code, std::memory_order_release);
   RootOf(item)->Dirty();
+}
+
+/// A peer's close that has not been told yet is told as this failure instead.
+bool CONNECTION::ReportInstead(PHIERAKI item, SI4 code) {
+  if (ActiveClose > 0 || !Seize(SSocketClosed)) return false;
+  lErrorObj = code;
+  MakeReady(item, SError);
+  return true;
 }
 
 // ---- the turn
@@ -208,13 +218,20 @@ void CONNECTION::TakeClaims(PFDSETS sets) {
   holdRead = sets->holdRead;
 }
 
+void CONNECTION::ClaimAnew(PFDSETS sets, PHIERAKI item) {
+  Setinfo(sets);
+  ClaimSub(item, sets);
+  TakeClaims(sets);
+  sets->pItem = item;
+}
+
 SI4 CONNECTION::Check(PFDSETS sets) {
   pRead = pWrite = nullptr;
   phRead = phWrite = nullptr;
   PHIERAKI const item = sets->pItem;
 
   if (const SI4 failed = lChildFailed.exchange(0, std::memory_order_acq_rel))
-    if (GetState() == SConnected && EndTo == SDoNotChange) EndStream(item, SError, failed);
+    if (!ReportInstead(item, failed) && GetState() == SConnected) EndStream(item, SError, failed);
 
   switch (GetState()) {
     case SSocketClosed: {
@@ -270,15 +287,21 @@ SI4 CONNECTION::Execute(PFDSETS sets) {
 
   // What came in after the application had added a relay goes to the relay, although the wait had
   // begun before.
-  if (RootOf(item)->IsWakePending()) {
-    Setinfo(sets);
-    ClaimSub(item, sets);
-    TakeClaims(sets);
-    sets->pItem = item;
-  }
+  if (RootOf(item)->IsWakePending()) ClaimAnew(sets, item);
 
   SI4 code = 0;
-  if (pCon->Ready4R(&sets->ss)) code = ReadSome(sets, item);
+  if (pCon->Ready4R(&sets->ss)) {
+    // A read that got all it asked for is likely to have left more: header and payload of several
+    // messages are taken in one turn, but not so many that the others wait.
+    filled = false;
+    code = ReadSome(sets, item);
+    for (UI4 i = 1; filled && code == 0 && i < kReadsPerTurn; ++i) {
+      if (GetState() != SConnected || EndTo != SDoNotChange) break;
+      filled = false;
+      ClaimAnew(sets, item);
+      code = ReadSome(sets, item);
+    }
+  }
   if (code == 0 && EndTo == SDoNotChange && pWrite && pCon->Ready4W(&sets->ss))
     code = WriteSome(sets);
   if (code == 0) return 0;
@@ -329,6 +352,7 @@ SI4 CONNECTION::ReadChild(PFDSETS sets, PHIERAKI item) {
   const SI4 code = pCon->Read(pRead);
   if (code == ERR_CLOSED) return PassiveClose(sets, item);
   if (code) return code;
+  filled = pRead->Complete();
   if (child->Type == TRelay) return static_cast<RELAY*>(child)->RelayBuf(phRead, pHeader);
   return pRead->Complete() ? ReadComplete(sets, phRead) : ReadRecv(sets, phRead);
 }
@@ -337,7 +361,8 @@ SI4 CONNECTION::ReadHeader(PFDSETS sets, PHIERAKI item) {
   const SI4 code = pCon->Read(pHeader);
   if (code == ERR_CLOSED) return PassiveClose(sets, item);
   if (code) return code;
-  return pHeader->Complete() ? HeaderComplete(sets, item) : HeaderRecv(sets, item);
+  filled = pHeader->Complete();
+  return filled ? HeaderComplete(sets, item) : HeaderRecv(sets, item);
 }
 
 SI4 CONNECTION::WriteSome(PFDSETS sets) {
@@ -390,6 +415,7 @@ SI4 CONNECTION::PassiveClose(PFDSETS, PHIERAKI item) {
 void CONNECTION::EndStream(PHIERAKI item, OBJSTATE to, SI4 code) {
   EndTo = to;
   EndCode = code;
+  streamEnded.store(true, std::memory_order_release);
   if (to == SSocketClosed) pCon->CloseSocket();
   TryEnd(item);
 }

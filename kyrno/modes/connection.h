@@ -82,6 +82,10 @@ class CONNECTION : public RPCOBJS {
 
   /// n bytes of the stream belong to nobody any more: they are read and dropped.
   void SkipBytes(UI4 n) WORK_ONLY { Skip += n; }
+  /// Connected, and the stream has not ended: what is queued now can still go out. Any thread.
+  bool IsOpen() const {
+    return GetState() == SConnected && !streamEnded.load(std::memory_order_acquire);
+  }
   /// Whether text, not binary data, goes over this connection.
   bool isAscii() const;
 
@@ -104,7 +108,9 @@ class CONNECTION : public RPCOBJS {
   PRPCSOCK pCon = nullptr;              // owned; constant once the object is linked
 
  private:
+  bool ReportInstead(PHIERAKI item, SI4 code);
   void TakeClaims(PFDSETS sets) WORK_ONLY;
+  void ClaimAnew(PFDSETS sets, PHIERAKI item) WORK_ONLY;
   void EndStream(PHIERAKI item, OBJSTATE to, SI4 code) WORK_ONLY;
   void TryEnd(PHIERAKI item) WORK_ONLY;
   void Handshake(PHIERAKI item) WORK_ONLY;
@@ -115,8 +121,9 @@ class CONNECTION : public RPCOBJS {
   SI4 WriteSome(PFDSETS sets) WORK_ONLY;
   void Drain() WORK_ONLY;
 
-  std::atomic<UI4> NameCnt{0};       // tally of generated names
-  std::atomic<SI4> lChildFailed{0};  // hand-over: data that proved bad while it was delivered
+  std::atomic<UI4> NameCnt{0};           // tally of generated names
+  std::atomic<bool> streamEnded{false};  // hand-over: EndTo is set
+  std::atomic<SI4> lChildFailed{0};      // hand-over: data that proved bad while it was delivered
 
   PBUFFER pRead WORK_DATA = nullptr;  // borrowed, from Check to Execute
   PBUFFER pWrite WORK_DATA = nullptr;
@@ -126,6 +133,7 @@ class CONNECTION : public RPCOBJS {
   UI4 Skip WORK_DATA = 0;                   // bytes to drop
   OBJSTATE EndTo WORK_DATA = SDoNotChange;  // what the connection becomes when all have been told
   SI4 EndCode WORK_DATA = 0;
+  bool filled WORK_DATA = false;    // the last read got all it asked for
   bool shutDown WORK_DATA = false;  // the sending half is closed
 };
 using PCONNECTION = CONNECTION*;

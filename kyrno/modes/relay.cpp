@@ -8,6 +8,7 @@
 
 #include "kyrno/base/error.h"
 #include "kyrno/base/log.h"
+#include "kyrno/modes/connection.h"
 #include "kyrno/modes/message.h"
 #include "kyrno/tree/root.h"
 
@@ -53,8 +54,8 @@ RELAY::~RELAY() {
 }
 
 PHIERAKI RELAY::Target(PHIERAKI item) {
-  PHIERAKI const to = item->Top()->FindLeaf(pToName);
-  return to && to->Obj() ? to : nullptr;
+  PHIERAKI node = nullptr;
+  return EndOf(item->Top(), pToName, &node) == 0 ? node : nullptr;
 }
 
 SI4 RELAY::Check(PFDSETS sets) {
@@ -95,7 +96,7 @@ SI4 RELAY::RelayBufferInt(PHIERAKI item, PBUFFER from) {
   CH1 name[kMaxName];
   snprintf(name, sizeof name, "Bytes%010u", Bytes);
   PHIERAKI const to = Target(item);
-  if (!to || to->Obj()->GetState() != SConnected) return ERR_SEND;
+  if (!to || !static_cast<PCONNECTION>(to->Obj())->IsOpen()) return ERR_SEND;
   if (!to->AddNew(name, message.get())) return ERR_SEND;
   (void)message.release();
   LOG(4, ("Relay %u to %s", n, pToName));

@@ -78,10 +78,17 @@ PHIERAKI HIERAKI::Top() {
 }
 
 PHIERAKI HIERAKI::FirstChild() {
+  PHIERAKI last = nullptr;
+  return Ends(&last);
+}
+
+PHIERAKI HIERAKI::Ends(PHIERAKI* last) {
   if (!pSub.load(std::memory_order_acquire)) return nullptr;
+  // Under the lock: while a node is being added, the one before it is followed by the new one, and
+  // a walk that took that for the oldest would send the newest message first.
   READHOLD hold(lock);
-  PHIERAKI const last = pSub.load(std::memory_order_acquire);
-  return last ? last->Next() : nullptr;
+  *last = pSub.load(std::memory_order_acquire);
+  return *last ? (*last)->Next() : nullptr;
 }
 
 SI4 HIERAKI::CountChildren() {
@@ -138,8 +145,9 @@ void HIERAKI::Unlink(PHIERAKI child) {
     pSub.store(nullptr, std::memory_order_release);
     return;
   }
-  before->pNext.store(child->Next(), std::memory_order_release);
+  // The anchor first: a child process that was forked in between finds a ring that ends.
   if (child == last) pSub.store(before, std::memory_order_release);
+  before->pNext.store(child->Next(), std::memory_order_release);
 }
 
 PHIERAKI HIERAKI::SetSub(PHIERAKI h) {

@@ -16,7 +16,7 @@
 //   - Interpreter threads walk a ring under the read lock of its parent, and add under its write
 //     lock. Locks go top down and are never held across anything that blocks.
 //   - The work thread alone unlinks, under the write lock, holding no other. Therefore its own
-//     walks need no lock: a ring can only grow meanwhile.
+//     walks need no lock while they go: a ring can only grow meanwhile.
 #pragma once
 
 #include <pthread.h>
@@ -93,17 +93,13 @@ class HIERAKI : public RETIRED {
 
   /// Walks the children, oldest first, under the read lock.
   PHIERAKI LoopSub(PFNH fn, void* p);
-  /// The same for the work thread, without a lock. fn takes a PHIERAKI and returns nothing; it may
-  /// add nodes anywhere but must not unlink children of this node.
+  /// The same for the work thread, which holds the lock only to find both ends: what is added
+  /// meanwhile is left to the next walk. fn takes a PHIERAKI and returns nothing; it may add nodes
+  /// anywhere but must not unlink children of this node.
   template <typename FN>
   void WalkSub(FN fn) WORK_ONLY {
-    PHIERAKI const last = pSub.load(std::memory_order_acquire);
-    if (!last) return;
-    PHIERAKI t = last;
-    do {
-      t = t->Next();
-      fn(t);
-    } while (t != last);
+    PHIERAKI last = nullptr;
+    for (PHIERAKI t = Ends(&last); t; t = t == last ? nullptr : t->Next()) fn(t);
   }
 
   /// Node at a path. An empty path, or one that ends with a dot, means the node reached so far. A
@@ -132,6 +128,8 @@ class HIERAKI : public RETIRED {
   std::atomic<SI4> CleanUpCount{0};
 
  private:
+  /// The oldest child, and the newest in *last; null without any.
+  PHIERAKI Ends(PHIERAKI* last);
   bool IsNamed(PCH10 name, size_t len) const;
   PHIERAKI FindSibling(PCH10 name);  // by the whole text, under the parent's lock
   void CheckMagic() const;

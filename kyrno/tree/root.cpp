@@ -66,7 +66,10 @@ void ROOT::Endwork() {
   pQlnThread->Join();
 }
 
-void ROOT::WorkEnded() { lErrorObj = ERR_WORKTHREADENDED; }
+void ROOT::WorkEnded() {
+  lErrorObj = ERR_WORKTHREADENDED;
+  Waiters.WakeAll();
+}
 
 void ROOT::TurnBegins() { wakePending.exchange(false, std::memory_order_acq_rel); }
 

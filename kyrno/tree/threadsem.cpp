@@ -38,6 +38,10 @@ PTHREADSEM WAITPOOL::FindFree() {
 
 bool WAITPOOL::WakeNearest(HIERAKI* node) {
   MUTEXHOLD hold(Lock);
+  return WakeFrom(node);
+}
+
+bool WAITPOOL::WakeFrom(HIERAKI* node) {
   for (HIERAKI* n = node; n; n = n->Parent()) {
     RPCOBJS* const object = n->Obj();
     PTHREADSEM const entry = object ? object->pWaiting : nullptr;
@@ -134,22 +138,19 @@ SI4 WAITER::AplWait(UI4 milliseconds) {
 
 void WAITER::AplWaitClear() {
   if (!pEntry) return;
-  HIERAKI* passOn = nullptr;
-  {
-    MUTEXHOLD hold(pool.Lock);
-    if (--pEntry->Users == 0) {
-      bool unused = false;
-      while (pEntry->Sem.wait(0) == SemReleased) unused = true;
-      if (pEntry->pNode) {
-        pEntry->pNode->Obj()->pWaiting = nullptr;
-        if (unused) passOn = pEntry->pNode;
-      }
-      pEntry->pNode = nullptr;
-      pEntry->ThreadId = FREEID;
-      LOG(2, ("WAITSEM %p return by %p ", static_cast<void*>(pEntry),
-              reinterpret_cast<void*>(pthread_self())));
-    }
+  MUTEXHOLD hold(pool.Lock);
+  if (--pEntry->Users == 0) {
+    bool unused = false;
+    while (pEntry->Sem.wait(0) == SemReleased) unused = true;
+    HIERAKI* const node = pEntry->pNode;
+    pEntry->pNode = nullptr;
+    pEntry->ThreadId = FREEID;
+    LOG(2, ("WAITSEM %p return by %p ", static_cast<void*>(pEntry),
+            reinterpret_cast<void*>(pthread_self())));
+    // Under the lock, because a parked thread is outside the gate: a node that still is somebody's
+    // to wait on has not been retired.
+    if (node) node->Obj()->pWaiting = nullptr;
+    if (node && unused) pool.WakeFrom(node);
   }
   pEntry = nullptr;
-  if (passOn) pool.WakeNearest(passOn);
 }

@@ -62,6 +62,7 @@ class WAITPOOL {
  private:
   friend class WAITER;
   PTHREADSEM FindFree() TSA(requires_capability(Lock));
+  bool WakeFrom(HIERAKI* node) TSA(requires_capability(Lock));
 
   MUTEX Lock;
   PTHREADSEM pThreadList GUARDED_BY(Lock) = nullptr;  // owned

@@ -125,6 +125,23 @@ TEST_F(Hieraki, RingOfRootsCopesWithNone) {
   EXPECT_EQ(HIERAKI::Remove(ring, x.get()), nullptr);
 }
 
+TEST_F(Hieraki, AWalkMeetsTheOldestFirstWhileOthersAreAdded) {
+  AssumeWorkThread();
+  PHIERAKI const oldest = Add("oldest");
+  std::thread adder([&] {
+    for (int n = 0; n < 2000; ++n) Add(("n" + std::to_string(n)).c_str());
+  });
+  int wrong = 0;
+  for (SI4 seen = 0; seen < 2001;) {
+    seen = 0;
+    root.WalkSub([&](PHIERAKI node) {
+      if (seen++ == 0 && node != oldest) ++wrong;
+    });
+  }
+  adder.join();
+  EXPECT_EQ(wrong, 0);
+}
+
 TEST_F(Hieraki, OneNameIsTakenOnceByManyThreads) {
   constexpr int kNames = 500;
   std::atomic<int> added{0};

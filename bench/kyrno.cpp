@@ -1,0 +1,172 @@
+// kyrno.cpp - the library as one of the measured systems: mode "command", arguments prepared as
+// blocks, one application thread on each side.
+//
+//   command   ASendZ flag 0   AWaitZ brings it, ARespondZ returns its block, AWaitZ brings that
+//   array     ASendZ flag 2   AWaitZ brings it
+#include "bench/kyrno.h"
+
+#include "host/library.h"
+
+namespace bench {
+
+namespace {
+
+using host::ZArray;
+using host::ZBlock;
+using host::ZValue;
+
+using Block = std::vector<std::uint32_t>;
+
+constexpr int kWaitMillis = 5'000;
+
+Block TextBlock(std::size_t bytes) { return ZValue(std::string(bytes, 'k')).Encode(); }
+
+/// The argument (path, number) of a command. A new path of the same length, which nearly every one
+/// has, is written over the old one.
+class PathArgument {
+ public:
+  explicit PathArgument(int n) : number(n) {}
+  PathArgument(std::string_view path, int n) : number(n) { Encode(path); }
+
+  void SetPath(std::string_view path) {
+    if (path.size() == length)
+      std::memcpy(reinterpret_cast<unsigned char*>(block.data()) + at, path.data(), length);
+    else
+      Encode(path);
+  }
+  const std::uint32_t* Get() const { return block.data(); }
+
+ private:
+  void Encode(std::string_view path) {
+    block = ZValue::List({path, number}).Encode();
+    const auto* bytes = reinterpret_cast<const unsigned char*>(block.data());
+    const std::size_t size = block.size() * sizeof block[0];
+    const ZArray list = ZArray::Read(bytes, size, 8);
+    const ZArray text = ZArray::Read(bytes, size, list.next);
+    at = static_cast<std::size_t>(text.data - bytes);
+    length = path.size();
+  }
+
+  const int number;
+  Block block;
+  std::size_t at = 0;      // of the path's bytes in the block
+  std::size_t length = 0;  // of the path
+};
+
+/// What a wait brought; the texts stand in the result.
+struct Arrival {
+  ZBlock result;
+  ZBlock data;
+  std::string_view name;
+  std::string_view event;
+};
+
+/// False when nothing came in time.
+bool Wait(const host::Session& session, const PathArgument& request, Arrival* arrival) {
+  const int code = session.CallWait(request.Get(), &arrival->result, &arrival->data);
+  if (code == host::kTimeout) return false;
+  if (code != 0) throw session.Lib().Error("AWaitZ", code);
+  const auto* bytes = reinterpret_cast<const unsigned char*>(arrival->result.Get());
+  const std::size_t size = arrival->result.Size();
+  const ZArray number = ZArray::Read(bytes, size, arrival->result.Top().next);
+  const ZArray name = ZArray::Read(bytes, size, number.next);
+  arrival->name = name.Text();
+  arrival->event = ZArray::Read(bytes, size, name.next).Text();
+  return true;
+}
+
+/// ASendZ or ARespondZ.
+void Pass(const host::Session& session, const char* command, const PathArgument& argument,
+          const std::uint32_t* array) {
+  ZBlock result;
+  ZBlock untouched;
+  int code = session.Call(command, argument.Get(), array, &result, &untouched);
+  if (code == 0) code = result.Code();
+  if (code != 0) throw session.Lib().Error(command, code);
+}
+
+host::Options OptionsOf(const std::string& port) {
+  return {{"Name", ""}, {"Address", "127.0.0.1"}, {"Port", port}, {"Mode", "command"}};
+}
+
+class KyrnoServer : public Server {
+ public:
+  explicit KyrnoServer(const host::Session& s)
+      : session(s), name(session.Server(OptionsOf("0"))), wait(name, kWaitMillis), answer(1) {}
+
+  int Port() const override { return session.Port(name); }
+
+  void Serve() override {
+    const std::size_t commandSize = TextBlock(kCommandBytes).size() * sizeof(std::uint32_t);
+    for (;;) {
+      Arrival arrival;
+      if (!Wait(session, wait, &arrival)) continue;
+      if (arrival.event != "Receive" || arrival.data.Size() != commandSize) continue;
+      answer.SetPath(arrival.name);
+      Pass(session, "ARespondZ", answer, arrival.data.Get());
+    }
+  }
+
+ private:
+  const host::Session& session;
+  const std::string name;
+  const PathArgument wait;
+  PathArgument answer;
+};
+
+class KyrnoClient : public Client {
+ public:
+  KyrnoClient(const host::Session& s, int port, const Work& work)
+      : session(s),
+        name(session.Client(OptionsOf(std::to_string(port)))),
+        wait(name, kWaitMillis),
+        send(name, host::kSendPlain),
+        push(name, host::kSendNoAnswer),
+        command(TextBlock(kCommandBytes)),
+        array(TextBlock(work.bytes)) {}
+
+  void Send(unsigned n) override {
+    for (unsigned i = 0; i < n; ++i) Pass(session, "ASendZ", send, command.data());
+  }
+
+  unsigned Receive() override {
+    Arrival arrival;
+    if (!Wait(session, wait, &arrival)) throw std::runtime_error("no answer came");
+    if (arrival.event != "Receive")
+      throw std::runtime_error("event \"" + std::string(arrival.event) + "\" came for an answer");
+    if (arrival.data.Size() != command.size() * sizeof command[0])
+      throw std::runtime_error("an answer of another size");
+    return 1;
+  }
+
+  void Push() override { Pass(session, "ASendZ", push, array.data()); }
+
+ private:
+  const host::Session& session;
+  const std::string name;
+  const PathArgument wait;
+  const PathArgument send;
+  const PathArgument push;
+  const Block command;
+  const Block array;
+};
+
+class Kyrno : public System {
+ public:
+  std::unique_ptr<Server> Listen(const Work&) override {
+    return std::make_unique<KyrnoServer>(session);
+  }
+  std::unique_ptr<Client> Connect(int port, const Work& work) override {
+    return std::make_unique<KyrnoClient>(session, port, work);
+  }
+
+ private:
+  const host::Library library;
+  const host::Session session{library, "BENCH"};
+};
+
+}  // namespace
+
+std::unique_ptr<System> MakeKyrno() { return std::make_unique<Kyrno>(); }
+
+}  // namespace bench

@@ -1,0 +1,289 @@
+// peer.h - a messaging system as the benchmark sees it, and the program that each becomes.
+//
+//   PROGRAM server WORK SYSTEM            prints {"port": N} and serves until it is ended
+//   PROGRAM client PORT WORK SYSTEM PID   for each byte of its standard input makes one run and
+//                                         prints {"rate": ...}; PID is the server's
+//   PROGRAM client PORT idle SYSTEM N     opens N connections, prints {"idle": N}
+//
+// A client ends with its standard input. A failure is a line {"error": "..."} and exit code 1.
+//
+// A command carries kCommandBytes and is answered with the same bytes. An array carries more and is
+// not answered: a command behind the arrays tells by its answer that all have arrived.
+#pragma once
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/types.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace bench {
+
+inline constexpr std::size_t kCommandBytes = 64;
+
+/// What a server and its clients agree on.
+struct Work {
+  const char* name;
+  std::size_t bytes;     ///< of each command or array
+  unsigned outstanding;  ///< commands on their way at once, or arrays up to the closing command
+
+  bool IsBulk() const { return bytes > kCommandBytes; }
+  /// More connections than one come, so that a server has to look for the one that speaks.
+  bool ManyConnections() const { return std::string_view(name) == "rpc-idle"; }
+};
+
+inline constexpr std::array kWorks{
+    Work{"rpc1", kCommandBytes, 1},           Work{"rpc64", kCommandBytes, 64},
+    Work{"bulk1M", std::size_t{1} << 20, 64}, Work{"bulk64M", std::size_t{64} << 20, 4},
+    Work{"rpc-idle", kCommandBytes, 1},
+};
+
+inline const Work& FindWork(std::string_view name) {
+  for (const Work& work : kWorks)
+    if (work.name == name) return work;
+  throw std::runtime_error("no such work: " + std::string(name));
+}
+
+/// One connection to a server. Errors: exceptions, from all.
+class Client {
+ public:
+  Client() = default;
+  virtual ~Client() = default;
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  /// Sends that many commands.
+  virtual void Send(unsigned n) = 0;
+  /// Waits for answers; returns how many came, at least one.
+  virtual unsigned Receive() = 0;
+  /// Sends one array, for the bulk works alone.
+  virtual void Push() = 0;
+};
+
+/// Answers commands and drops arrays, from any number of connections if the work says so.
+class Server {
+ public:
+  Server() = default;
+  virtual ~Server() = default;
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  virtual int Port() const = 0;
+  virtual void Serve() = 0;
+};
+
+/// What a program implements.
+class System {
+ public:
+  System() = default;
+  virtual ~System() = default;
+  System(const System&) = delete;
+  System& operator=(const System&) = delete;
+
+  /// Listens on a free port of 127.0.0.1.
+  virtual std::unique_ptr<Server> Listen(const Work& work) = 0;
+  virtual std::unique_ptr<Client> Connect(int port, const Work& work) = 0;
+};
+
+/// Processor time that a process, with all its threads, has used.
+class ProcessorTime {
+ public:
+  explicit ProcessorTime(pid_t pid) {
+    if (clock_getcpuclockid(pid, &clock) != 0)
+      throw std::runtime_error("no processor clock of process " + std::to_string(pid));
+  }
+  double Micros() const {
+    timespec t{};
+    clock_gettime(clock, &t);
+    return static_cast<double>(t.tv_sec) * 1e6 + static_cast<double>(t.tv_nsec) / 1e3;
+  }
+
+ private:
+  clockid_t clock{};
+};
+
+/// The element of an unsorted, not empty list that stands above this share of the others.
+inline double Quantile(std::vector<double>& values, double share) {
+  const auto at = static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size()));
+  const auto nth = values.begin() + at;
+  std::nth_element(values.begin(), nth, values.end());
+  return *nth;
+}
+
+/// Short runs of one work on one connection.
+class Measurement {
+ public:
+  Measurement(Client& c, const Work& w, pid_t serverPid) : client(c), work(w), server(serverPid) {}
+
+  nlohmann::json Run() {
+    nlohmann::json result;
+    const double serverBefore = server.Micros();
+    const Clock::time_point begin = Clock::now();
+    end = begin + kRunTime;
+    const auto done = static_cast<double>(work.IsBulk()           ? Arrays()
+                                          : work.outstanding == 1 ? RoundTrips()
+                                                                  : Pipeline());
+    const std::chrono::duration<double> took = Clock::now() - begin;
+    result["rate"] = done / took.count();
+    result["srv_us"] = (server.Micros() - serverBefore) / done;
+    if (work.IsBulk()) result["gbs"] = done * static_cast<double>(work.bytes) / took.count() / 1e9;
+    if (!micros.empty()) {
+      result["p50us"] = Quantile(micros, 0.5);
+      result["p99us"] = Quantile(micros, 0.99);
+    }
+    return result;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::milliseconds kRunTime{200};
+  static constexpr std::uint64_t kMaxOperations = 1'000'000;
+
+  bool GoesOn(std::uint64_t done, Clock::time_point now) const {
+    return now < end && done < kMaxOperations;
+  }
+
+  /// One command at a time, each timed.
+  std::uint64_t RoundTrips() {
+    micros.clear();
+    Clock::time_point before = Clock::now();
+    do {
+      client.Send(1);
+      client.Receive();
+      const Clock::time_point now = Clock::now();
+      micros.push_back(std::chrono::duration<double, std::micro>(now - before).count());
+      before = now;
+    } while (GoesOn(micros.size(), before));
+    return micros.size();
+  }
+
+  /// Each answer makes room for the next command.
+  std::uint64_t Pipeline() {
+    std::uint64_t done = 0;
+    client.Send(work.outstanding);
+    while (GoesOn(done, Clock::now())) {
+      const unsigned n = client.Receive();
+      done += n;
+      client.Send(n);
+    }
+    for (unsigned left = work.outstanding; left > 0;) {
+      const unsigned n = client.Receive();
+      done += n;
+      left -= n;
+    }
+    return done;
+  }
+
+  /// A bounded number of arrays up to each closing command: some systems queue all that they get.
+  std::uint64_t Arrays() {
+    std::uint64_t done = 0;
+    do {
+      for (unsigned i = 0; i < work.outstanding; ++i) client.Push();
+      client.Send(1);
+      client.Receive();
+      done += work.outstanding;
+    } while (GoesOn(done, Clock::now()));
+    return done;
+  }
+
+  Client& client;
+  const Work& work;
+  const ProcessorTime server;
+  Clock::time_point end;
+  std::vector<double> micros;  // of each round trip of the last run
+};
+
+inline int ToInt(std::string_view text) {
+  int value = 0;
+  const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || stop != text.data() + text.size())
+    throw std::runtime_error("not a number: " + std::string(text));
+  return value;
+}
+
+inline void PrintLine(const nlohmann::json& line) {
+  std::puts(line.dump().c_str());
+  std::fflush(stdout);
+}
+
+/// Waits for the next byte of standard input; false at its end.
+inline bool AwaitByte() {
+  char byte;
+  return read(STDIN_FILENO, &byte, 1) == 1;
+}
+
+/// Each connection makes one round trip, so that the server has met it for certain.
+inline void KeepIdle(System& system, int port, int n) {
+  const Work& work = FindWork("rpc-idle");
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int i = 0; i < n; ++i) {
+    clients.push_back(system.Connect(port, work));
+    clients.back()->Send(1);
+    clients.back()->Receive();
+  }
+  PrintLine({{"idle", n}});
+  while (AwaitByte()) continue;
+}
+
+/// Some systems take two descriptors for a connection, more than the usual limit has for 900.
+inline void RaiseFileLimit() {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+/// The main function of each program; Make builds its System from the name in the arguments.
+template <class Make>
+int RunPeer(const std::vector<std::string>& arguments, Make make) {
+  try {
+    signal(SIGPIPE, SIG_IGN);
+    RaiseFileLimit();
+    const bool isServer = arguments.size() == 3 && arguments[0] == "server";
+    const bool isClient = arguments.size() == 5 && arguments[0] == "client";
+    if (!isServer && !isClient)
+      throw std::runtime_error("use: server WORK SYSTEM | client PORT WORK SYSTEM PID");
+
+    if (isServer) {
+      const std::unique_ptr<System> system = make(arguments[2]);
+      const std::unique_ptr<Server> server = system->Listen(FindWork(arguments[1]));
+      PrintLine({{"port", server->Port()}});
+      server->Serve();
+      return 0;
+    }
+
+    const int port = ToInt(arguments[1]);
+    const int number = ToInt(arguments[4]);
+    const std::unique_ptr<System> system = make(arguments[3]);
+    if (arguments[2] == "idle") {
+      KeepIdle(*system, port, number);
+      return 0;
+    }
+    const Work& work = FindWork(arguments[2]);
+    const std::unique_ptr<Client> client = system->Connect(port, work);
+    Measurement measurement(*client, work, number);
+    while (AwaitByte()) PrintLine(measurement.Run());
+    return 0;
+  } catch (const std::exception& e) {
+    PrintLine({{"error", e.what()}});
+    return 1;
+  }
+}
+
+}  // namespace bench

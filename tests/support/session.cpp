@@ -1,0 +1,139 @@
+// session.cpp - one root per test.
+#include "tests/support/session.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+
+namespace support {
+
+using host::Event;
+using host::Options;
+using host::ZValue;
+
+namespace {
+
+std::string UniqueName() {
+  static std::atomic<int> count{0};
+  return "ROOT" + std::to_string(count.fetch_add(1));
+}
+
+std::string TellValue(const ZValue& value) {
+  if (value.IsNested()) return "(" + std::to_string(value.Count()) + " items)";
+  if (value.Rank() == 0 && value.Type() == host::ZType::I4) return std::to_string(value.Integer());
+  return value.Bytes();
+}
+
+}  // namespace
+
+const host::Library& Lib() {
+  static const host::Library library;
+  return library;
+}
+
+void* Entry(const char* name) {
+  void* const handle = dlopen(Lib().Path().c_str(), RTLD_NOW | RTLD_NOLOAD);
+  void* const entry = dlsym(handle, name);
+  dlclose(handle);
+  if (!entry) throw std::runtime_error(std::string("no entry ") + name);
+  return entry;
+}
+
+std::string Tell(const Event& event) {
+  if (event.code != 0) return "code " + std::to_string(event.code);
+  return event.event + " " + event.name + " " + TellValue(event.value);
+}
+
+TestRoot::TestRoot() : Session(support::Lib(), UniqueName()) {}
+
+int TestRoot::Serve(const std::string& mode, const Options& more, const std::string& name) const {
+  Options options{{"Name", name},
+                  {"Address", "127.0.0.1"},
+                  {"Port", "0"},
+                  {"Protocol", "ipv4"},
+                  {"Mode", mode}};
+  options.insert(options.end(), more.begin(), more.end());
+  return Port(Server(options));
+}
+
+std::string TestRoot::Dial(const std::string& mode, int port, const Options& more,
+                           const std::string& name) const {
+  Options options{{"Name", name},
+                  {"Address", "127.0.0.1"},
+                  {"Port", std::to_string(port)},
+                  {"Protocol", "ipv4"},
+                  {"Mode", mode}};
+  options.insert(options.end(), more.begin(), more.end());
+  return Client(options);
+}
+
+std::vector<std::string> TestRoot::Told(const std::string& name, int n) const {
+  std::vector<std::string> lines;
+  while (n-- > 0) lines.push_back(Told(name));
+  return lines;
+}
+
+std::vector<std::string> TestRoot::ToldUntilEnd(const std::string& name) const {
+  std::vector<std::string> lines;
+  for (;;) {
+    const Event event = Next(name);
+    lines.push_back(Tell(event));
+    if (event.code != 0 || event.name == name) return lines;
+  }
+}
+
+int TestRoot::Code(const char* command, const ZValue& right) const {
+  host::ZBlock result;
+  const std::vector<std::uint32_t> z = right.Encode();
+  const int code = Call(command, z.data(), &result);
+  return code != 0 ? code : result.Code();
+}
+
+int TestRoot::Code(const char* command, const ZValue& right, const ZValue& left) const {
+  host::ZBlock result;
+  host::ZBlock leftResult;
+  const std::vector<std::uint32_t> z = right.Encode();
+  const std::vector<std::uint32_t> l = left.Encode();
+  const int code = Call(command, z.data(), l.data(), &result, &leftResult);
+  return code != 0 ? code : result.Code();
+}
+
+int TestRoot::State(const std::string& name) const {
+  return static_cast<int>(Tree(name).At(0).At(2).Integer());
+}
+
+std::vector<std::string> TestRoot::Children(const std::string& name) const {
+  std::vector<std::string> names;
+  const ZValue children = Tree(name).At(1);
+  if (children.IsNested())
+    for (const ZValue& child : children.Items()) names.push_back(child.At(0).At(0).Text());
+  return names;
+}
+
+std::string ZBytes(const ZValue& value) {
+  const std::vector<std::uint32_t> z = value.Encode();
+  return std::string(reinterpret_cast<const char*>(z.data()), host::ZSize(z.data()));
+}
+
+Memory Memory::Now() {
+  std::size_t reserved = 0;
+  std::size_t resident = 0;
+  std::ifstream("/proc/self/statm") >> reserved >> resident;
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  return {resident * page, reserved * page};
+}
+
+TempFile::TempFile(const std::string& content) : path("/tmp/kyrno_test_XXXXXX") {
+  const int fd = mkstemp(path.data());
+  if (fd < 0) throw std::runtime_error("cannot make a file");
+  close(fd);
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+TempFile::~TempFile() { unlink(path.c_str()); }
+
+}  // namespace support
