@@ -1,14 +1,13 @@
 // zblock.cpp - reading and writing Z blocks.
 #include "Apl/zblock.h"
 
-#include <byteswap.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 
 #include "kyrno/base/error.h"
+#include "util/wire.h"
 
 // A nested array may be 1,024 deep and the stack small: what is not the walk itself stays in frames
 // of its own, and the walks have no locals whose address is taken.
@@ -22,17 +21,6 @@ constexpr UI1 kSimple = 0xF;
 constexpr UI1 kNested = 0x7;
 
 std::atomic<bool> unicodeChars{true};  // tally
-
-UI4 BigEndianAt(const void* from) {
-  UI4 word;
-  memcpy(&word, from, sizeof word);
-  return bswap_32(word);
-}
-
-void PutBigEndian(void* to, UI4 value) {
-  value = bswap_32(value);
-  memcpy(to, &value, sizeof value);
-}
 
 UI4 HeadBytes(UI2 rank) { return kArrayHead + 8u * rank; }
 
@@ -101,6 +89,7 @@ struct ARRAYHEAD {
 };
 
 OFF_THE_WALK bool ReadHead(const CH1* block, UI4 left, ARRAYHEAD* head) {
+  head->elements = 0;
   if (left < kArrayHead) return false;
   head->rank = static_cast<UI1>(block[8]) >> 4;
   head->bytes = HeadBytes(head->rank);
@@ -164,8 +153,8 @@ PAA ReadTree(const CH1* base, UI4 length, PUI4 offset, UI4 depth, PSI4 code) {
 bool isUnicode() { return unicodeChars.load(std::memory_order_relaxed); }
 void SetUnicode(bool unicode) { unicodeChars.store(unicode, std::memory_order_relaxed); }
 
-UI4 ZLength(const void* block) { return BigEndianAt(block); }
-UI4 ZHeaderWord(const void* block) { return BigEndianAt(static_cast<const CH1*>(block) + 4); }
+UI4 ZLength(const void* block) { return GetUI4(block); }
+UI4 ZHeaderWord(const void* block) { return GetUI4(static_cast<const CH1*>(block) + 4); }
 
 UI8 SizeAA(const VARRAY* array) { return Size(array, 0); }
 
@@ -217,8 +206,8 @@ PUI4 PackZ(PAA owned) {
   CH1* const block = static_cast<CH1*>(malloc(length));
   if (!block) return nullptr;
 
-  PutBigEndian(block, length);
-  PutBigEndian(block + 4, RETZHEADER);
+  PutUI4(block, length);
+  PutUI4(block + 4, RETZHEADER);
   Pack(owned, block + kZHead);
   return reinterpret_cast<PUI4>(block);
 }
@@ -240,8 +229,8 @@ PUI4 VectorZ(VATYPES type, UI4 n, PCH1* data) {
   if (!IsPlain(type) || length > UINT32_MAX) return nullptr;
   CH1* const block = static_cast<CH1*>(malloc(length));
   if (!block) return nullptr;
-  PutBigEndian(block, static_cast<UI4>(length));
-  PutBigEndian(block + 4, RETZHEADER);
+  PutUI4(block, static_cast<UI4>(length));
+  PutUI4(block + 4, RETZHEADER);
 
   CH1* const top = block + kZHead;
   const UI8 words = 1 + 3 + padded / 8;

@@ -81,6 +81,6 @@ struct ZVIEW {
 /// that ReadZ refuses.
 bool ViewZ(const void* block, UI4 length, ZVIEW* view);
 
-/// A new block, for free(), with a vector of n elements of a simple type, which the caller writes at
-/// *data. Null when memory is short or the block would be above 4 GiB.
+/// A new block, for free(), with a vector of n elements of a simple type, which the caller writes
+/// at *data. Null when memory is short or the block would be above 4 GiB.
 PUI4 VectorZ(VATYPES type, UI4 n, PCH1* data);

@@ -13,21 +13,13 @@
 #include "kyrno/modes/message.h"
 #include "kyrno/net/bufferfile.h"
 #include "sys/linux/fdhold.h"
+#include "util/wire.h"
 
 static constexpr UI4 MODULE = 0x00000080;
 
 namespace {
 
 constexpr UI4 kWord = 4;
-
-UI4 GetUI4(const CH1* p) {
-  const auto b = reinterpret_cast<const UI1*>(p);
-  return UI4{b[0]} << 24 | UI4{b[1]} << 16 | UI4{b[2]} << 8 | UI4{b[3]};
-}
-
-void PutUI4(PCH1 p, UI4 n) {
-  for (int i = 0; i < 4; ++i) p[i] = static_cast<CH1>(n >> (24 - 8 * i));
-}
 
 }  // namespace
 

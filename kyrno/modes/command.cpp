@@ -12,6 +12,7 @@
 #include "kyrno/base/kyrnossl.h"
 #include "kyrno/base/log.h"
 #include "kyrno/modes/connection.h"
+#include "util/wire.h"
 
 static constexpr UI4 MODULE = 0x00000080;
 
@@ -29,15 +30,6 @@ constexpr UI4 kCompHead = 4;          // the uncompressed length ahead of the st
 constexpr UI4 kWorthIt = 1025;        // bytes of a message from which on it may be compressed
 constexpr int kLevel = 6;             // whatever CompLevel says: that only switches it on
 constexpr UI4 kFirstPiece = 1 << 20;  // of an inflated payload; it grows as the stream yields
-
-UI4 GetUI4(const CH1* p) {
-  const auto b = reinterpret_cast<const UI1*>(p);
-  return UI4{b[0]} << 24 | UI4{b[1]} << 16 | UI4{b[2]} << 8 | UI4{b[3]};
-}
-
-void PutUI4(PCH1 p, UI4 n) {
-  for (int i = 0; i < 4; ++i) p[i] = static_cast<CH1>(n >> (24 - 8 * i));
-}
 
 /// A field of 32 bytes as text, without the blanks behind it.
 void GetName(const CH1* field, PCH1 name) {
@@ -178,7 +170,7 @@ SI4 TakeZ(PBUFFER message, bool compressed, PUI4* ppZ) {
     if (!z) return ERR_MEMORY_ALLOC;
     memcpy(z, payload, n);
   }
-  if (size < 8 || GetUI4(reinterpret_cast<const CH1*>(z)) != size) {
+  if (!z || size < 8 || GetUI4(z) != size) {
     free(z);
     return ERR_ARCHITECTURE;
   }

@@ -115,7 +115,7 @@ PHIERAKI HIERAKI::AddNew(PCH10 name, PRPCOBJS obj) {
 
   {
     WRITEHOLD hold(parent->lock);
-    if (*leaf && !parent->FindSibling(leaf)) {
+    if (!parent->IsTaken(leaf)) {
       node->pParent.store(parent, std::memory_order_release);
       PHIERAKI const last = parent->pSub.load(std::memory_order_acquire);
       if (last) {
@@ -185,6 +185,10 @@ bool HIERAKI::IsNamed(PCH10 name, size_t len) const {
 PHIERAKI HIERAKI::FindChild(PCH10 name, size_t len) {
   if (!pSub.load(std::memory_order_acquire)) return nullptr;
   READHOLD hold(lock);
+  return FindHeld(name, len);
+}
+
+PHIERAKI HIERAKI::FindHeld(PCH10 name, size_t len) {
   PHIERAKI const last = pSub.load(std::memory_order_acquire);
   if (!last) return nullptr;
   PHIERAKI t = last;
@@ -195,18 +199,10 @@ PHIERAKI HIERAKI::FindChild(PCH10 name, size_t len) {
   return nullptr;
 }
 
-PHIERAKI HIERAKI::FindSibling(PCH10 name) {
+bool HIERAKI::IsTaken(PCH10 name) {
   // Deliberate: by the whole text, so that a name of 32 characters or more is never found taken.
   const size_t len = strlen(name);
-  if (len >= kMaxName) return nullptr;
-  PHIERAKI const last = pSub.load(std::memory_order_acquire);
-  if (!last) return nullptr;
-  PHIERAKI t = last;
-  do {
-    t = t->Next();
-    if (t->IsNamed(name, len)) return t;
-  } while (t != last);
-  return nullptr;
+  return len == 0 || (len < kMaxName && FindHeld(name, len));
 }
 
 PHIERAKI HIERAKI::FindLeaf(PCH10 path) {
@@ -248,6 +244,7 @@ SI4 HIERAKI::FullName(PCH1 buf, SI4 size) {
   const SI4 more = len + (n != 0 ? 1 : 0);
   if (n < 0) return n - more;
   if (size < n + more) return -n - more;
+  assert(buf);  // without one the root has answered -1
 
   PCH1 at = buf + n;
   if (n != 0) *at++ = '.';

@@ -131,7 +131,8 @@ class HIERAKI : public RETIRED {
   /// The oldest child, and the newest in *last; null without any.
   PHIERAKI Ends(PHIERAKI* last);
   bool IsNamed(PCH10 name, size_t len) const;
-  PHIERAKI FindSibling(PCH10 name);  // by the whole text, under the parent's lock
+  PHIERAKI FindHeld(PCH10 name, size_t len) TSA(requires_shared_capability(lock));
+  bool IsTaken(PCH10 name) TSA(requires_shared_capability(lock));
   void CheckMagic() const;
 
   CMutexRW lock;                           // guards the shape of the ring of children
