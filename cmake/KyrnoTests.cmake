@@ -29,6 +29,7 @@ function(kyrno_tests layer timeout)
   target_link_libraries(${program} PRIVATE GTest::gtest_main Threads::Threads)
   kyrno_opens_library(${program})
   gtest_discover_tests(${program}
+    NO_PRETTY_VALUES
     DISCOVERY_MODE PRE_TEST
     DISCOVERY_TIMEOUT 60
     TEST_LIST ${layer}_test_names

@@ -221,7 +221,7 @@ SI4 NewClient(WANTED* w, std::unique_ptr<CONNECTION>* client) {
       client->reset(new (std::nothrow) CMDCONNECTION);
       break;
   }
-  return *client ? 0 : ERR_MEMORY_ALLOC;
+  return *client ? SI4{(*client)->lErrorObj} : ERR_MEMORY_ALLOC;
 }
 
 /// Links an object that works, which the tree then owns.
