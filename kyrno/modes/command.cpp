@@ -236,8 +236,7 @@ SI4 COMMAND::Answer(PBUFFER message) {
   if (isLocal || !Seize(SProcessing)) return ERR_STATE;
   pSend.store(owned.release(), std::memory_order_release);
   NextState = SFinished;
-  SetState(SReadyToSend);
-  return 0;
+  return Settle(SProcessing, SReadyToSend) ? 0 : ERR_STATE;
 }
 
 SI4 COMMAND::BeginAnswer(PBUFFER receive, bool isCompressed) {
@@ -255,11 +254,12 @@ SI4 COMMAND::BeginAnswer(PBUFFER receive, bool isCompressed) {
 
 void COMMAND::Received(PHIERAKI item) {
   receiving = false;
-  if (Seize(SReceiving) || Seize(SProcessing)) {
+  for (const OBJSTATE from : {SReceiving, SProcessing}) {
+    if (!Seize(from)) continue;
     received = false;
     // A command that came in keeps what its message type said; an answer ends the command.
     if (isLocal) NextState = SFinished;
-    MakeReady(item, SAPL);
+    SettleReady(item, from, SAPL);
     return;
   }
   // "Sent" has to be delivered first. Delivering it wakes the work thread, which looks again.
@@ -276,7 +276,7 @@ bool COMMAND::ConnectionEnded(PHIERAKI item) {
     lErrorObj = ERR_CLOSED;
     // The connection has its own event; what it would have become with this one no longer counts.
     NextPState = SDoNotChange;
-    MakeReady(item, SError);
+    SettleReady(item, from, SError);
     return true;
   }
   // While "Sent" waits, or a command that came in, or the application has it in its hands, it is

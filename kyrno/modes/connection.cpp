@@ -195,7 +195,7 @@ void CONNECTION::ChildFailed(PHIERAKI item, SI4 code) {
 bool CONNECTION::ReportInstead(PHIERAKI item, SI4 code) {
   if (ActiveClose > 0 || !Seize(SSocketClosed)) return false;
   lErrorObj = code;
-  MakeReady(item, SError);
+  SettleReady(item, SSocketClosed, SError);
   return true;
 }
 
@@ -318,12 +318,12 @@ void CONNECTION::Handshake(PHIERAKI item) {
   if (code == 0) {
     const OBJSTATE next = NextState;
     NextState = SDoNotChange;
-    MakeReady(item, next);
+    if (Seize(SSSL)) SettleReady(item, SSSL, next);
     return;
   }
   if (code == ERR_HANDSHAKE_NOT_COMPLETED && timeCreate + kHandshakeMicros > Micros()) return;
   lErrorObj = code;
-  SetState(SFinished);
+  Finish();
 }
 
 void CONNECTION::Drain() {
@@ -430,5 +430,5 @@ void CONNECTION::TryEnd(PHIERAKI item) {
   // An application that closes at this moment hears nothing more.
   if (!Seize(SConnected)) return;
   lErrorObj = EndCode;
-  MakeReady(item, EndTo);
+  SettleReady(item, SConnected, EndTo);
 }

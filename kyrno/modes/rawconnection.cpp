@@ -35,9 +35,9 @@ SI4 RAWCONNECTION::SetRPCProp(PHIERAKI root, PCH10 name, PAA value) {
   return ReplaceStop(&own, value, Mode == MAscii);
 }
 
-/// Makes n bytes of pHeader a unit in a ready state. They stay where they are.
-SI4 RAWCONNECTION::Deliver(PHIERAKI item, UI4 from, UI4 n, OBJSTATE state) {
-  std::unique_ptr<BUFFER> unit(pHeader->Take(n, from));
+/// Makes a complete buffer, which it owns, a unit in a ready state.
+SI4 RAWCONNECTION::Deliver(PHIERAKI item, PBUFFER bytes, OBJSTATE state) {
+  std::unique_ptr<BUFFER> unit(bytes);
   if (!unit) return ERR_MEMORY_ALLOC;
   std::unique_ptr<MESSAGE> message(new (std::nothrow) MESSAGE(unit.get(), state));
   if (!message) return ERR_MEMORY_ALLOC;
@@ -46,13 +46,31 @@ SI4 RAWCONNECTION::Deliver(PHIERAKI item, UI4 from, UI4 n, OBJSTATE state) {
   if (state == SAPLLast) message->NextPState = SFinished;
   CH1 name[kMaxName];
   snprintf(name, sizeof name, "Blk%08u", Count++);
-  LOG(4, ("New block received %s size %d remaining Header %d", name, n,
-          pHeader->SizeProcessed() - from - n));
+  LOG(4, ("New block received %s size %d remaining Header %d", name, bytes->TotalSize(),
+          pHeader->SizeProcessed()));
   PHIERAKI const child = item->AddNew(name, message.get());
   if (!child) return ERR_NAME_IN_USE;
   (void)message.release();
   Ready4Apl(child);
   return 0;
+}
+
+/// All that has come in since the last unit, leaving pHeader empty.
+PBUFFER RAWCONNECTION::TakeAll() {
+  const UI4 n = pHeader->SizeProcessed();
+  PBUFFER all = nullptr;
+  if (n > MaxBlockSize / 2) {
+    // Much of it is not copied: the buffer itself goes, and a new one takes its place.
+    std::unique_ptr<BUFFER> fresh(new (std::nothrow) BUFFER(MaxBlockSize));
+    if (!fresh || fresh->lError) return nullptr;
+    all = pHeader;
+    all->Resize(n);
+    pHeader = fresh.release();
+  } else {
+    all = pHeader->Take(n);
+  }
+  pHeader->Rewind();
+  return all;
 }
 
 SI4 RAWCONNECTION::HeaderRecv(PFDSETS sets, PHIERAKI item) {
@@ -67,7 +85,7 @@ SI4 RAWCONNECTION::HeaderRecv(PFDSETS sets, PHIERAKI item) {
     const UI4 end = n < 0 ? 0 : static_cast<UI4>(n);
     // An empty stop would cut nothing off for ever.
     if (end <= cut) break;
-    code = Deliver(item, cut, end - cut, SAPL);
+    code = Deliver(item, pHeader->Take(end - cut, cut), SAPL);
     cut = searched = end;
   }
   pHeader->Drop(cut);
@@ -82,13 +100,10 @@ SI4 RAWCONNECTION::HeaderComplete(PFDSETS sets, PHIERAKI item) {
   }
   // Deliberate: without a search when the list is the server's, and never looking back later.
   searched = 0;
-  const UI4 n = pHeader->SizeProcessed();
-  const SI4 code = n ? Deliver(item, 0, n, SAPL) : 0;
-  pHeader->Rewind();
-  return code;
+  return pHeader->SizeProcessed() ? Deliver(item, TakeAll(), SAPL) : 0;
 }
 
 SI4 RAWCONNECTION::PassiveClose(PFDSETS sets, PHIERAKI item) {
-  if (const SI4 code = Deliver(item, 0, pHeader->SizeProcessed(), SAPLLast)) return code;
+  if (const SI4 code = Deliver(item, TakeAll(), SAPLLast)) return code;
   return CONNECTION::PassiveClose(sets, item);
 }

@@ -21,7 +21,8 @@ class RAWCONNECTION : public CONNECTION {
 
  private:
   void Begin(OBJMODE mode);
-  SI4 Deliver(PHIERAKI item, UI4 from, UI4 n, OBJSTATE state) WORK_ONLY;
+  SI4 Deliver(PHIERAKI item, PBUFFER bytes, OBJSTATE state) WORK_ONLY;
+  PBUFFER TakeAll() WORK_ONLY;
 
   const UI4 MaxBlockSize;  // size of pHeader, so the longest unit
   STOPRULE own;

@@ -61,26 +61,28 @@ void SERVER::SetFilters(RANGES* allow, RANGES* deny) {
 
 SI4 SERVER::Listen(PCH10 port, PCH10 address, PROTOCOL prot) {
   if (GetState() == SListen) return ERR_STATE;
+  Port = CopyOf(port);
+  Address = CopyOf(address);
+  if ((port && !Port) || (address && !Address)) return ERR_MEMORY_ALLOC;
+  Prot = prot;
+  const SI4 code = OpenSocket();
+  if (!code) SetState(SListen);
+  return code;
+}
+
+SI4 SERVER::OpenSocket() {
   SI4 code = 0;
-  PRPCSOCK const socket = NewSock(address, port, true, prot, &code);
+  PRPCSOCK const socket = NewSock(Address, Port, true, Prot, &code);
   if (!socket) return code ? code : ERR_NEW_DATA_SOCKET;
   if (socket->lError) {
     code = socket->lError;
     delete socket;
     return code;
   }
-  {
-    MUTEXHOLD hold(SocketLock);
-    pSocket = socket;
-  }
-  if (!Port) Port = CopyOf(port);
-  if (!Address) Address = CopyOf(address);
-  Prot = prot;
-  SetState(SListen);
+  MUTEXHOLD hold(SocketLock);
+  pSocket = socket;
   return 0;
 }
-
-SI4 SERVER::ReListen() { return Listen(Port, Address, Prot); }
 
 SI4 SERVER::Pause(PHIERAKI root, SI4 value) {
   SI4 code = 0;
@@ -93,11 +95,8 @@ SI4 SERVER::Pause(PHIERAKI root, SI4 value) {
         MUTEXHOLD hold(SocketLock);
         there = pSocket != nullptr;
       }
-      if (there)
-        SetState(SListen);
-      else
-        code = ReListen();
-      if (code) SetState(SListenPaused);
+      if (!there) code = OpenSocket();
+      Settle(SListenPaused, code ? SListenPaused : SListen);
       break;
     }
     case 1:

@@ -60,7 +60,8 @@ class SERVER : public RPCOBJS {
   virtual RPCOBJS* NewConnection(PRPCSOCK socket) WORK_ONLY = 0;
 
  private:
-  [[nodiscard]] SI4 ReListen();
+  /// A listening socket of the noted address.
+  [[nodiscard]] SI4 OpenSocket();
   [[nodiscard]] SI4 Pause(PHIERAKI root, SI4 value);
   void Accept(PRPCSOCK listener, PHIERAKI item) WORK_ONLY;
   bool IsWelcome(PRPCSOCK socket) WORK_ONLY;

@@ -227,6 +227,11 @@ void RPCOBJS::MakeReady(PHIERAKI item, OBJSTATE ready) {
   Ready4Apl(item);
 }
 
+void RPCOBJS::SettleReady(PHIERAKI item, OBJSTATE seized, OBJSTATE ready) {
+  timeReady = Micros();
+  if (Settle(seized, ready)) Ready4Apl(item);
+}
+
 void RPCOBJS::Ready4Apl(PHIERAKI item) {
   ROOT* const root = RootOf(item);
   if (root->UseFnsReady < 0) {

@@ -8,7 +8,7 @@
 //   a ready state   AWaitZ picks it          SProcessing | kSeized  A    Pick: compare-exchange
 //   ... | kSeized   GetWaitReturns is done   its new state          A    Unpick: compare-exchange
 //   any idle state  one side needs it alone  same | kSeized         A,W  Seize: compare-exchange
-//   ... | kSeized   done                     next state             A,W  SetState
+//   ... | kSeized   done                     next state             A,W  Settle: compare-exchange
 //   SFinished       the next turn            SMarkedForDeletion     W    then unlinked and retired
 //
 // Ready states are SIncoming, SAPL, SError, SAPLLast and SSent: the object has something for the
@@ -189,6 +189,8 @@ class RPCOBJS {
     return Exchange(from, to) || Exchange(from | kSeized, to);
   }
   bool Seize(OBJSTATE from) { return Exchange(from, from | kSeized); }
+  /// Ends a seizure. False when AClose has come in between: its SFinished stays.
+  bool Settle(OBJSTATE seized, OBJSTATE to) { return Exchange(seized | kSeized, to); }
   bool IsSeized() const { return word.load(std::memory_order_acquire) & kSeized; }
   /// Takes a ready or closed object for the calling wait, which alone has it until Unpick.
   bool Pick(OBJSTATE from) { return Exchange(from, SProcessing | kSeized); }
@@ -197,8 +199,11 @@ class RPCOBJS {
   /// Stores SFinished unless the object is already on its way out.
   void Finish();
 
-  /// Becomes ready for the application: notes the time, stores the state, wakes a waiter.
+  /// Becomes ready for the application: notes the time, stores the state, wakes a waiter. For the
+  /// work thread, out of a state in which AClose leaves the object alone.
   void MakeReady(PHIERAKI item, OBJSTATE ready);
+  /// The same at the end of a seizure; nothing happens when AClose has come in between.
+  void SettleReady(PHIERAKI item, OBJSTATE seized, OBJSTATE ready);
   /// Wakes the nearest waiter on the item or above, or calls the callback.
   static void Ready4Apl(PHIERAKI item);
   /// The root object above a node.
