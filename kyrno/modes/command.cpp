@@ -286,8 +286,18 @@ bool COMMAND::ConnectionEnded(PHIERAKI item) {
   return state < SReadyToSend || state > SReceiving;
 }
 
-void COMMAND::Abandon(PHIERAKI item) {
-  if (!receiving) return;
+bool COMMAND::Abandon(PHIERAKI item) {
+  bool sending = false;
+  item->WalkSub([&](PHIERAKI report) {
+    if (report->Obj()->GetState() == SSending) sending = true;
+  });
+  if (sending) return false;
+
+  item->WalkSub([&](PHIERAKI report) {
+    AssumeWorkThread();
+    report->Obj()->Abandon(report);
+  });
+  if (receiving) CONNECTION::Above(item)->SkipBytes(GetBuffer()->Remaining());
   receiving = false;
-  static_cast<CONNECTION*>(item->Parent()->Obj())->SkipBytes(GetBuffer()->Remaining());
+  return true;
 }

@@ -82,7 +82,7 @@ class COMMAND : public RPCOBJS {
   PBUFFER GetBuffer() override { return pRecv.load(std::memory_order_acquire); }
   SI4 Check(PFDSETS sets) override WORK_ONLY;
   bool ConnectionEnded(PHIERAKI item) override WORK_ONLY;
-  void Abandon(PHIERAKI item) override WORK_ONLY;
+  bool Abandon(PHIERAKI item) override WORK_ONLY;
 
   /// The final answer, which it owns from here on. 1103 when the command does not wait for one.
   [[nodiscard]] SI4 Answer(PBUFFER message);

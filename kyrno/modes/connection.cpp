@@ -27,15 +27,14 @@ constexpr SI4 kKeepAliveInterval = 1000;  // ms, when only the time is given
 
 bool Is(PCH10 name, PCH10 word) { return strcasecmp(name, word) == 0; }
 
-/// Lets everything below a connection claim its socket, children first.
+/// Lets everything below a connection claim its socket, children first. Also what has been closed
+/// since: until the next turn abandons it, the bytes that come are its own.
 void ClaimSub(PHIERAKI node, PFDSETS sets) WORK_ONLY {
   node->WalkSub([&](PHIERAKI child) {
     AssumeWorkThread();
-    RPCOBJS* const object = child->Obj();
-    if (object->GetState() == SFinished || object->GetState() == SMarkedForDeletion) return;
     ClaimSub(child, sets);
     sets->pItem = child;
-    object->Check(sets);
+    child->Obj()->Check(sets);
   });
 }
 
@@ -76,6 +75,13 @@ SI4 CONNECTION::Connect(PCH10 address, PCH10 port, PROTOCOL prot) {
 bool CONNECTION::isAscii() const {
   const OBJMODE mode = Mode;
   return mode == MAscii || mode == MBlkAscii || mode == MHttp;
+}
+
+CONNECTION* CONNECTION::Above(PHIERAKI item) {
+  do {
+    item = item->Parent();
+  } while (item->Obj()->Type != TClient && item->Obj()->Type != TConnection);
+  return static_cast<PCONNECTION>(item->Obj());
 }
 
 void CONNECTION::CloseAfterFork() {

@@ -80,6 +80,8 @@ class CONNECTION : public RPCOBJS {
   /// The peer has closed: what it leaves behind becomes units, before the connection ends.
   virtual SI4 PassiveClose(PFDSETS sets, PHIERAKI item) WORK_ONLY;
 
+  /// The connection to which a node below it belongs.
+  static CONNECTION* Above(PHIERAKI item);
   /// n bytes of the stream belong to nobody any more: they are read and dropped.
   void SkipBytes(UI4 n) WORK_ONLY { Skip += n; }
   /// Connected, and the stream has not ended: what is queued now can still go out. Any thread.

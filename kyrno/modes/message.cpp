@@ -73,7 +73,12 @@ SI4 MESSAGE::Check(PFDSETS sets) {
   }
 }
 
-void MESSAGE::Abandon(PHIERAKI) {}
+bool MESSAGE::Abandon(PHIERAKI item) {
+  const OBJSTATE state = GetState();
+  if (state == SSending) return false;
+  if (state == SReceiving) CONNECTION::Above(item)->SkipBytes(pBuf->Remaining());
+  return true;
+}
 
 SI4 PROGRESS::GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE*, PUI4* ppZ) {
   item->FullName(objname, kFullNameSize);

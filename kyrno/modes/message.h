@@ -20,7 +20,7 @@ class MESSAGE : public RPCOBJS {
                                    PUI4* ppZ) override;
   PBUFFER GetBuffer() override { return pBuf; }
   SI4 Check(PFDSETS sets) override WORK_ONLY;
-  void Abandon(PHIERAKI item) override WORK_ONLY;
+  bool Abandon(PHIERAKI item) override WORK_ONLY;
 
  protected:
   PBUFFER const pBuf;  // owned

@@ -120,7 +120,7 @@ void RPCOBJS::Finish() {
 
 SI4 RPCOBJS::CleanUp(PHIERAKI) { return 0; }
 bool RPCOBJS::ConnectionEnded(PHIERAKI) { return true; }
-void RPCOBJS::Abandon(PHIERAKI) {}
+bool RPCOBJS::Abandon(PHIERAKI) { return true; }
 void RPCOBJS::ChildFailed(PHIERAKI, SI4) {}
 void RPCOBJS::ChildReady(PHIERAKI) {}
 

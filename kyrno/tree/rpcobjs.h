@@ -165,8 +165,9 @@ class RPCOBJS {
   /// The connection above has ended. True when this object has nothing left to report because of
   /// that; false to be asked again next turn.
   virtual bool ConnectionEnded(PHIERAKI item) WORK_ONLY;
-  /// Marked for deletion: gives up what it holds of its connection's stream.
-  virtual void Abandon(PHIERAKI item) WORK_ONLY;
+  /// Finished: gives up what is still to come for it and below from the connection's stream. False
+  /// when something below is half sent: it has to go out first.
+  virtual bool Abandon(PHIERAKI item) WORK_ONLY;
   /// Data from this object's child proved bad while it was delivered; called by the waiting thread.
   virtual void ChildFailed(PHIERAKI item, SI4 code);
   /// A node below became ready, on a root that hands out in order of arrival.

@@ -58,9 +58,8 @@ void CheckBody(PHIERAKI node, PFDSETS sets, ROOT* root) WORK_ONLY {
 void CheckSub(PHIERAKI node, PFDSETS sets, ROOT* root) {
   RPCOBJS* const obj = node->Obj();
   if (!obj) return;
-  if (obj->GetState() == SFinished) {
+  if (obj->GetState() == SFinished && obj->Abandon(node)) {
     obj->SetState(SMarkedForDeletion);
-    obj->Abandon(node);
     ++sets->cntFinished;
     return;
   }
