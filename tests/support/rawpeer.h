@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -19,7 +20,6 @@ class Descriptor {
     return *this;
   }
   ~Descriptor();
-
   int Get() const { return fd; }
 
  private:
@@ -46,15 +46,13 @@ class RawPeer {
   std::string ReceiveAll();
 
   void EndSending();
-  void Close();
+  void Close() { socket = Descriptor(); }
   /// Closes at once and lets the other end see a failure instead of an end.
   void Reset();
   /// The descriptor of the other end in this process.
   int OtherEnd() const;
 
  private:
-  void WaitUntilRead(int other) const;
-
   Descriptor socket;
 };
 
@@ -62,28 +60,26 @@ class RawPeer {
 class RawListener {
  public:
   RawListener();
-  int Port() const { return port; }
+  int Port() const;
   RawPeer Accept();
 
  private:
   Descriptor socket;
-  int port;
 };
 
 /// Four bytes in network order.
 std::string Word(std::uint32_t value);
-std::uint32_t WordAt(std::string_view bytes, std::size_t at);
 
 inline constexpr std::size_t kIpmHeaderSize = 115;
 
 /// Message types of the command protocol.
 enum IpmType : std::uint32_t {
   kIpmCommand = 1,
-  kIpmProgress = 2,
-  kIpmAnswer = 3,
-  kIpmNoAnswer = 4,
-  kIpmCommandComp = 5,
-  kIpmAnswerComp = 6,
+  kIpmProgress,
+  kIpmAnswer,
+  kIpmNoAnswer,
+  kIpmCommandComp,
+  kIpmAnswerComp
 };
 
 /// One message of the command protocol.
@@ -91,7 +87,7 @@ struct Ipm {
   std::uint32_t type;
   std::string name;
   std::string payload;
-  std::string subname;
+  std::string subname{};
   char features = 0;
 
   std::string Bytes() const;
@@ -101,10 +97,10 @@ struct Ipm {
 };
 
 /// A compressed payload: the length it claims, and a zlib stream that holds the bytes uncompressed.
+/// Less than 64 KiB of them.
 std::string Stored(std::string_view bytes, std::uint32_t claimed);
 
-/// One block of the block protocol.
-std::string Block(std::string_view payload);
-std::string Block(std::string_view payload, std::uint32_t magic);
+/// One block of the block protocol, with a magic number if one is given.
+std::string Block(std::string_view payload, std::optional<std::uint32_t> magic = {});
 
 }  // namespace support

@@ -4,27 +4,20 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 
 namespace support {
 
-using host::Event;
-using host::Options;
-using host::ZValue;
-
 namespace {
 
-std::string UniqueName() {
-  static std::atomic<int> count{0};
-  return "ROOT" + std::to_string(count.fetch_add(1));
-}
+std::atomic<int> roots{0};
 
 std::string TellValue(const ZValue& value) {
   if (value.IsNested()) return "(" + std::to_string(value.Count()) + " items)";
-  if (value.Rank() == 0 && value.Type() == host::ZType::I4) return std::to_string(value.Integer());
+  if (value.Rank() == 0 && value.Type() == ZType::I4) return std::to_string(value.Integer());
   return value.Bytes();
 }
 
@@ -48,57 +41,45 @@ std::string Tell(const Event& event) {
   return event.event + " " + event.name + " " + TellValue(event.value);
 }
 
-TestRoot::TestRoot() : Session(support::Lib(), UniqueName()) {}
+Lines Sorted(Lines lines) {
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
+
+Options AtPort(int port, const std::string& mode, const std::string& name, Options more) {
+  const Options common{{"Name", name},
+                       {"Address", "127.0.0.1"},
+                       {"Port", std::to_string(port)},
+                       {"Protocol", "ipv4"},
+                       {"Mode", mode}};
+  more.insert(more.end(), common.begin(), common.end());  // the first of a name counts
+  return more;
+}
+
+TestRoot::TestRoot() : Session(support::Lib(), "ROOT" + std::to_string(roots++)) {}
 
 int TestRoot::Serve(const std::string& mode, const Options& more, const std::string& name) const {
-  Options options{{"Name", name},
-                  {"Address", "127.0.0.1"},
-                  {"Port", "0"},
-                  {"Protocol", "ipv4"},
-                  {"Mode", mode}};
-  options.insert(options.end(), more.begin(), more.end());
-  return Port(Server(options));
+  return Port(Server(AtPort(0, mode, name, more)));
 }
 
 std::string TestRoot::Dial(const std::string& mode, int port, const Options& more,
                            const std::string& name) const {
-  Options options{{"Name", name},
-                  {"Address", "127.0.0.1"},
-                  {"Port", std::to_string(port)},
-                  {"Protocol", "ipv4"},
-                  {"Mode", mode}};
-  options.insert(options.end(), more.begin(), more.end());
-  return Client(options);
+  return Client(AtPort(port, mode, name, more));
 }
 
-std::vector<std::string> TestRoot::Told(const std::string& name, int n) const {
-  std::vector<std::string> lines;
+Lines TestRoot::Told(const std::string& name, int n) const {
+  Lines lines;
   while (n-- > 0) lines.push_back(Told(name));
   return lines;
 }
 
-std::vector<std::string> TestRoot::ToldUntilEnd(const std::string& name) const {
-  std::vector<std::string> lines;
-  for (;;) {
-    const Event event = Next(name);
-    lines.push_back(Tell(event));
-    if (event.code != 0 || event.name == name) return lines;
-  }
-}
-
-int TestRoot::Code(const char* command, const ZValue& right) const {
-  host::ZBlock result;
-  const std::vector<std::uint32_t> z = right.Encode();
-  const int code = Call(command, z.data(), &result);
-  return code != 0 ? code : result.Code();
-}
-
-int TestRoot::Code(const char* command, const ZValue& right, const ZValue& left) const {
+int TestRoot::Code(const char* command, const ZValue& right,
+                   const std::optional<ZValue>& left) const {
   host::ZBlock result;
   host::ZBlock leftResult;
-  const std::vector<std::uint32_t> z = right.Encode();
-  const std::vector<std::uint32_t> l = left.Encode();
-  const int code = Call(command, z.data(), l.data(), &result, &leftResult);
+  const auto z = right.Encode();
+  const auto l = left ? left->Encode() : std::vector<std::uint32_t>();
+  const int code = Call(command, z.data(), left ? l.data() : nullptr, &result, &leftResult);
   return code != 0 ? code : result.Code();
 }
 
@@ -106,11 +87,10 @@ int TestRoot::State(const std::string& name) const {
   return static_cast<int>(Tree(name).At(0).At(2).Integer());
 }
 
-std::vector<std::string> TestRoot::Children(const std::string& name) const {
-  std::vector<std::string> names;
+Lines TestRoot::Children(const std::string& name) const {
+  Lines names;
   const ZValue children = Tree(name).At(1);
-  if (children.IsNested())
-    for (const ZValue& child : children.Items()) names.push_back(child.At(0).At(0).Text());
+  for (const ZValue& child : children.Items()) names.push_back(child.At(0).At(0).Text());
   return names;
 }
 

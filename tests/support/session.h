@@ -1,15 +1,24 @@
-// session.h - a root of the library for one test, and its events as lines of text.
+// session.h - a root of the library for one test, its peers, and its events as lines of text.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sched.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "host/library.h"
+#include "tests/support/rawpeer.h"
 
 namespace support {
+
+using Lines = std::vector<std::string>;
+using host::Event;
+using host::Options;
+using host::ZType;
+using host::ZValue;
 
 /// Bounds a wait that is expected to end by an event.
 inline constexpr int kBoundMillis = 20000;
@@ -20,40 +29,69 @@ void* Entry(const char* name);
 
 /// "Receive SRV.CON00000000.a text": event, object and data, a scalar as its number. A failed wait
 /// is "code 1010".
-std::string Tell(const host::Event& event);
+std::string Tell(const Event& event);
+Lines Sorted(Lines lines);
+
+/// Options of an object at a port of 127.0.0.1. Those given as more win.
+Options AtPort(int port, const std::string& mode, const std::string& name, Options more);
 
 /// One root with a name of its own, closed by the destructor.
 class TestRoot : public host::Session {
  public:
   TestRoot();
 
-  /// Listens on a free port of 127.0.0.1. "S" in the names below.
-  int Serve(const std::string& mode, const host::Options& more = {},
-            const std::string& name = "S") const;
-  /// Connects to a port of 127.0.0.1.
-  std::string Dial(const std::string& mode, int port, const host::Options& more = {},
+  /// Listens on a free port.
+  int Serve(const std::string& mode, const Options& more = {}, const std::string& name = "S") const;
+  std::string Dial(const std::string& mode, int port, const Options& more = {},
                    const std::string& name = "C") const;
 
-  host::Event Next(const std::string& name) const { return Wait(name, kBoundMillis); }
+  Event Next(const std::string& name) const { return Wait(name, kBoundMillis); }
   std::string Told(const std::string& name) const { return Tell(Next(name)); }
   /// The next n events on or below an object.
-  std::vector<std::string> Told(const std::string& name, int n) const;
-  /// All events up to the one of the object itself.
-  std::vector<std::string> ToldUntilEnd(const std::string& name) const;
+  Lines Told(const std::string& name, int n) const;
 
   /// The code of a command, from its result or from Call itself.
-  int Code(const char* command, const host::ZValue& right) const;
-  int Code(const char* command, const host::ZValue& right, const host::ZValue& left) const;
+  int Code(const char* command, const ZValue& right, const std::optional<ZValue>& left = {}) const;
   int State(const std::string& name) const;
   /// Names of the children of an object.
-  std::vector<std::string> Children(const std::string& name) const;
+  Lines Children(const std::string& name) const;
 };
 
-using List = std::vector<host::ZValue>;
+/// A server "S" with one peer that the test plays.
+struct Served {
+  TestRoot root;
+  const int port;
+  RawPeer peer;
+  const std::string name;  // of the connection
+
+  explicit Served(const std::string& mode, const Options& more = {})
+      : port(root.Serve(mode, more)), peer(port), name(root.Next("S").name) {}
+};
+
+/// A client "C" whose peer the test plays.
+struct Dialled {
+  TestRoot root;
+  RawListener listener;
+  RawPeer peer;
+
+  explicit Dialled(const std::string& mode, const Options& more = {})
+      : peer((root.Dial(mode, listener.Port(), more), listener.Accept())) {}
+};
+
+/// A client "C" and a server "S" in one root.
+struct Paired {
+  TestRoot root;
+  const int port;
+  const std::string name;  // of the server's connection
+
+  explicit Paired(const std::string& mode, const Options& more = {})
+      : port(root.Serve(mode, more)), name((root.Dial(mode, port, more), root.Next("S").name)) {}
+};
+
 /// A nested vector.
-inline host::ZValue Args(List items) { return host::ZValue::List(std::move(items)); }
+inline ZValue Args(std::vector<ZValue> items) { return ZValue::List(std::move(items)); }
 /// The bytes of a Z block.
-std::string ZBytes(const host::ZValue& value);
+std::string ZBytes(const ZValue& value);
 
 /// Asks until the answer is true, at most 20 seconds: for changes that have no event.
 template <class Question>
@@ -64,6 +102,13 @@ bool Eventually(Question question) {
   return true;
 }
 
+/// Runs a body in a process of its own, whose failed expectations are a failure here.
+template <class Body>
+void RunApart(Body body) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT((body(), std::exit(testing::Test::HasFailure())), testing::ExitedWithCode(0), "");
+}
+
 /// Memory of this process in bytes: in use, and reserved.
 struct Memory {
   std::size_t resident;
@@ -72,15 +117,10 @@ struct Memory {
 };
 
 /// A file with this content, removed by the destructor.
-class TempFile {
- public:
+struct TempFile {
   explicit TempFile(const std::string& content);
-  ~TempFile();
   TempFile(const TempFile&) = delete;
-  TempFile& operator=(const TempFile&) = delete;
-  const std::string& Path() const { return path; }
-
- private:
+  ~TempFile();
   std::string path;
 };
 
