@@ -13,30 +13,27 @@ std::string Message(IpmType type, const std::string& name, const std::string& su
 
 TEST(Closing, ACommandWhoseReportOrAnswerComesInKeepsTheStreamInStep) {
   for (const IpmType type : {kIpmProgress, kIpmAnswer}) {
-    const TestRoot root;
-    RawListener listener;
-    root.Dial("command", listener.Port());
-    RawPeer peer = listener.Accept();
-    root.Send("C.gone", 1, host::kSendReport);
-    root.Send("C.stays", 1);
-    Ipm::Read(peer);
-    Ipm::Read(peer);
+    Dialled t("command");
+    t.root.Send("C.gone", 1, host::kSendReport);
+    t.root.Send("C.stays", 1);
+    Ipm::Read(t.peer);
+    Ipm::Read(t.peer);
 
     // Half of it has been read when the command goes: "Sent" waits, so an answer can't be told yet.
     const std::string half = Message(type, "gone", type == kIpmProgress ? "p" : "");
-    peer.SendApart(half.substr(0, 600), 600);
-    root.Close("C.gone");
-    EXPECT_TRUE(Eventually([&] { return root.Code("ATree", "C.gone") == 1010; }));
-    peer.Send(half.substr(600) + Message(kIpmAnswer, "stays"));
-    EXPECT_EQ(root.Next("C").name, "C.stays") << type;
+    t.peer.SendApart(half.substr(0, 600), 600);
+    t.root.Close("C.gone");
+    EXPECT_TRUE(Eventually([&] { return t.root.Code("ATree", "C.gone") == 1010; }));
+    t.peer.Send(half.substr(600) + Message(kIpmAnswer, "stays"));
+    EXPECT_EQ(t.root.Next("C").name, "C.stays") << type;
   }
 }
 
 TEST(Closing, ACommandWaitsForItsHalfSentReport) {
-  const TestRoot root;
-  RawPeer peer(root.Serve("command"));
-  const std::string name = root.Next("S").name;
-  peer.Send(Message(kIpmCommand, "a") + Message(kIpmCommand, "b"));
+  Served t("command");
+  const TestRoot& root = t.root;
+  const std::string& name = t.name;
+  t.peer.Send(Message(kIpmCommand, "a") + Message(kIpmCommand, "b"));
   EXPECT_EQ(root.Next("S").name, name + ".a");
   EXPECT_EQ(root.Next("S").name, name + ".b");
 
@@ -48,8 +45,8 @@ TEST(Closing, ACommandWaitsForItsHalfSentReport) {
   EXPECT_EQ(root.Code("AClose", report), 1127);
   root.Close(name + ".a");
   root.Code("ARespondZ", Args({name + ".b", 1}), 1);
-  EXPECT_EQ(Ipm::Read(peer).subname, "Progress00000000");
-  EXPECT_EQ(Ipm::Read(peer).name, "b");
+  EXPECT_EQ(Ipm::Read(t.peer).subname, "Progress00000000");
+  EXPECT_EQ(Ipm::Read(t.peer).name, "b");
 }
 
 }  // namespace
