@@ -28,6 +28,8 @@ VAHOLD MakeScalar(VATYPES type, T value) {
   return a;
 }
 
+inline VAHOLD Int(SI4 value) { return MakeScalar(VAI4, value); }
+
 inline VAHOLD MakeText(const std::string& text) {
   return MakeVector<CH1>(VAC1, std::vector<CH1>(text.begin(), text.end()));
 }
@@ -38,6 +40,18 @@ VAHOLD MakeNested(HOLDS... children) {
   VAHOLD a(VANew(VAPntr, 1, &n));
   UI4 at = 0;
   (VASetOwned(a.Get(), at++, children.Release()), ...);
+  return a;
+}
+
+/// An integer, a double, a text, a character and a bit.
+inline VAHOLD MakeHet() {
+  const UI4 n = 5;
+  VAHOLD a(VANew(VAHet, 1, &n));
+  EXPECT_EQ(VASetSI4(a.Get(), 0, -7), 0);
+  EXPECT_EQ(VASetF8(a.Get(), 1, 2.5), 0);
+  EXPECT_EQ(VASetCH1(a.Get(), 2, "text", 4, VABIN), 0);
+  VAHetStore(a.Get(), 3, VAC1, "c", 1);
+  VAHetStore(a.Get(), 4, VABit, "\x80", 1);
   return a;
 }
 

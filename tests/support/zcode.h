@@ -10,21 +10,8 @@ namespace zcode {
 
 using Bytes = std::vector<uint8_t>;
 
-enum Eltype : uint8_t {
-  CHAR = 0,
-  BOOL = 1,
-  SINT = 2,
-  INTG = 3,
-  LONG = 4,
-  DOUB = 5,
-  PNTR = 6,
-  WC08 = 7,
-  WC16 = 8,
-  WC32 = 9,
-  CMPX = 10,
-  DPD = 12,
-  BID = 14
-};
+constexpr int CHAR = 0, BOOL = 1, SINT = 2, INTG = 3, LONG = 4, DOUB = 5, PNTR = 6, WC08 = 7,
+              WC16 = 8, WC32 = 9, DPD = 12, BID = 14;
 
 inline void Add(Bytes* out, uint64_t value, int width) {
   for (int i = 0; i < width; ++i) out->push_back(static_cast<uint8_t>(value >> (8 * i)));
@@ -73,9 +60,8 @@ inline Bytes Vector(const std::vector<Bytes>& children) {
 /// The whole block round a top array.
 inline Bytes Block(const Bytes& array, uint32_t header = 0xA4) {
   Bytes out;
-  const uint32_t length = static_cast<uint32_t>(array.size() + 8);
-  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(length >> shift));
-  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(header >> shift));
+  Add(&out, __builtin_bswap32(static_cast<uint32_t>(array.size() + 8)), 4);
+  Add(&out, __builtin_bswap32(header), 4);
   out.insert(out.end(), array.begin(), array.end());
   return out;
 }
