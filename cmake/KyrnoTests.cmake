@@ -11,11 +11,14 @@ set(test_environment
   HOME=${test_home}
   KYRNO_LIBRARY=${PROJECT_BINARY_DIR}/kyrno32_64.so
   ${KYRNO_SANITIZER_ENVIRONMENT})
+if(KYRNO_SANITIZE)
+  # Sanitizers look for rare interleavings: a minute for the two stress tests.
+  list(APPEND test_environment KYRNO_STRESS_SECONDS=30)
+endif()
 
 # CTest reads this file when it runs: gtest_discover_tests itself cannot pass on a list.
 set(test_properties ${PROJECT_BINARY_DIR}/test_properties.cmake)
 file(WRITE ${test_properties} "")
-set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${test_properties})
 
 # kyrno_tests(<layer> <timeout in seconds> <sources>...): the program kyrno_<layer>_tests.
 function(kyrno_tests layer timeout)
@@ -62,6 +65,9 @@ foreach(layer IN ITEMS end2end interop stress)
     add_dependencies(kyrno_${layer}_tests kyrno-host)
   endif()
 endforeach()
+
+# Behind the lists of tests, whose names it uses.
+set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${test_properties})
 
 # What a finished library exports and needs; a sanitizer adds names of its own.
 if(TARGET kyrno32_64 AND NOT KYRNO_SANITIZE AND NOT KYRNO_COVERAGE)

@@ -1,5 +1,6 @@
 // zblock_fuzz.cpp - a block is refused, or it comes back from PackZ and reads the same again.
 #include <cstdlib>
+#include <cstring>
 
 #include "Apl/vaconv.h"
 #include "tests/support/zfuzz.h"

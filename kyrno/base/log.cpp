@@ -151,6 +151,9 @@ SI4 InitLog(PCH10 name) {
   return named && !copy ? ERR_MEMORY_ALLOC : 0;
 }
 
+void LOGBeforeFork() TSA(acquire_capability(logNameLock)) { logNameLock.Lock(); }
+void LOGAfterFork() TSA(release_capability(logNameLock)) { logNameLock.Unlock(); }
+
 FILE* LOGOpen() {
   FDHOLD file(OpenLogFile());
   if (!file) return nullptr;

@@ -49,6 +49,10 @@ void LOGStr(PCH10 text);
 void LOGStrL(PCH10 text, SI4 value);
 void LOGHex(const void* data, UI4 length);
 
+/// Around a fork: the lock of the file's name goes along free, whoever else was about to log.
+void LOGBeforeFork();
+void LOGAfterFork();
+
 /// A trace line: LOG(4, ("Read %d of %u ", sock, want)). The arguments are evaluated only when the
 /// line is wanted.
 #define LOG(lev, arg)                          \

@@ -31,9 +31,16 @@ void SetLoadPath(PCH10 path) TSA(requires_capability(Guard)) {
 
 // A fork takes the guard with it, so that the child finds the ring whole. Other locks of the
 // library may be held by threads that don't exist in the child, which therefore makes them anew.
-void BeforeFork() TSA(acquire_capability(Guard)) { Guard.Lock(); }
-void InParent() TSA(release_capability(Guard)) { Guard.Unlock(); }
+void BeforeFork() TSA(acquire_capability(Guard)) {
+  Guard.Lock();
+  LOGBeforeFork();
+}
+void InParent() TSA(release_capability(Guard)) {
+  LOGAfterFork();
+  Guard.Unlock();
+}
 void InChild() TSA(release_capability(Guard)) {
+  LOGAfterFork();
   if (PHIERAKI const last = pRoots) {
     PHIERAKI t = last;
     do {
