@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <barrier>
+#include <string>
 #include <thread>
 
 #include "kyrno/base/error.h"
@@ -53,6 +54,18 @@ TEST_F(Roots, UnloadingEndsTheWaitsOfOthers) {
   EXPECT_EQ(Unload(), 0);
   for (std::thread& t : threads) t.join();
   EXPECT_EQ(ended, 3);
+}
+
+TEST_F(Roots, MayBeLoadedFromAnyPath) {
+  EXPECT_EQ(CreateRoot("None", ""), 0);
+  EXPECT_EQ(CreateRoot("Long", std::string(9000, 'x').c_str()), 0);
+  EXPECT_EQ(CreateRoot("Folders", std::string(9000, '/').c_str()), 0);
+}
+
+TEST_F(Roots, WakeUpsNeverFillTheirSockets) {
+  ROOTSHARE share;
+  ASSERT_TRUE(share.Open("R"));
+  for (int i = 0; i < 200000; ++i) ASSERT_EQ(share.Object()->Dirty(), 0);
 }
 
 struct FIFOSERVER : SERVER {
