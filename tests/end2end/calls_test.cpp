@@ -170,6 +170,7 @@ TEST(Arguments, OfTheWrongKindGiveTheCodeOfTheReadFromEveryCommand) {
       {"AClose", Args({several, 1}), 1081},
       {"ASetProp", Args({".", "EventMode"}), 1081},
       {"ASetProp", Args({".", "EventMode", several}), 1084},
+      {"ASetProp", Args({".", "BufferBlkSize", 0}), 1037},
       {"AGetProp", Args({std::string(65, 'x'), "EventMode"}), 1081},
       {"ASetRelay", Args({"S", "S", "x"}), 1084},
       {"ASetRelay", Args({"S", "S", 100, "text"}), 1086},
