@@ -72,11 +72,6 @@ SI4 CONNECTION::Connect(PCH10 address, PCH10 port, PROTOCOL prot) {
   return pCon->lError;
 }
 
-bool CONNECTION::isAscii() const {
-  const OBJMODE mode = Mode;
-  return mode == MAscii || mode == MBlkAscii || mode == MHttp;
-}
-
 CONNECTION* CONNECTION::Above(PHIERAKI item) {
   do {
     item = item->Parent();

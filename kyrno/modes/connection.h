@@ -88,8 +88,6 @@ class CONNECTION : public RPCOBJS {
   bool IsOpen() const {
     return GetState() == SConnected && !streamEnded.load(std::memory_order_acquire);
   }
-  /// Whether text, not binary data, goes over this connection.
-  bool isAscii() const;
 
   WORD<F8> ActiveClose{0.0};  // Micros when this side began to close; 0: it hasn't
   WORD<UI4> CompLevel{6};     // 0 to 9

@@ -81,15 +81,15 @@ SI4 RAWCONNECTION::HeaderRecv(PFDSETS sets, PHIERAKI item) {
   UI4 cut = 0;
   SI4 code = 0;
   while (code == 0) {
-    const SI4 n = rule->Find(pHeader, searched, &searched);
+    const SI4 n = rule->Find(pHeader, cut, &mark);
     const UI4 end = n < 0 ? 0 : static_cast<UI4>(n);
     // An empty stop would cut nothing off for ever.
     if (end <= cut) break;
     code = Deliver(item, pHeader->Take(end - cut, cut), SAPL);
-    cut = searched = end;
+    cut = end;
   }
   pHeader->Drop(cut);
-  searched -= cut < searched ? cut : searched;
+  mark.searched -= cut < mark.searched ? cut : mark.searched;
   return code;
 }
 
@@ -99,7 +99,7 @@ SI4 RAWCONNECTION::HeaderComplete(PFDSETS sets, PHIERAKI item) {
     if (!pHeader->Complete()) return 0;
   }
   // Deliberate: without a search when the list is the server's, and never looking back later.
-  searched = 0;
+  mark.searched = 0;
   return pHeader->SizeProcessed() ? Deliver(item, TakeAll(), SAPL) : 0;
 }
 

@@ -26,7 +26,7 @@ class RAWCONNECTION : public CONNECTION {
 
   const UI4 MaxBlockSize;  // size of pHeader, so the longest unit
   STOPRULE own;
-  STOPRULE* const pShared;     // borrowed from the server above; null for a client
-  UI4 Count WORK_DATA = 0;     // names of units
-  UI4 searched WORK_DATA = 0;  // starts in pHeader that are known not to be a stop
+  STOPRULE* const pShared;        // borrowed from the server above; null for a client
+  UI4 Count WORK_DATA = 0;        // names of units
+  STOPRULE::MARK mark WORK_DATA;  // how far pHeader has been searched
 };

@@ -1,19 +1,29 @@
 // stoprule.cpp - how a stream is cut.
 #include "kyrno/modes/stoprule.h"
 
+#include <atomic>
+
 #include "Apl/vaget.h"
+
+namespace {
+std::atomic<UI4> versions{0};  // tally of all lists ever set
+}  // namespace
+
+void STOPRULE::Store(PLIST list) {
+  FreeList(pStop);
+  pStop = list;
+  version = versions.fetch_add(1, std::memory_order_relaxed) + 1;
+}
 
 void STOPRULE::Set(PLIST list, bool ignore) {
   MUTEXHOLD hold(lock);
-  FreeList(pStop);
-  pStop = list;
+  Store(list);
   if (list) IgnoreCase = ignore;
 }
 
 void STOPRULE::Replace(PLIST list) {
   MUTEXHOLD hold(lock);
-  FreeList(pStop);
-  pStop = list;
+  Store(list);
 }
 
 bool STOPRULE::IsSet() {
@@ -21,10 +31,12 @@ bool STOPRULE::IsSet() {
   return pStop != nullptr;
 }
 
-SI4 STOPRULE::Find(PBUFFER b, UI4 from, UI4* next) {
+SI4 STOPRULE::Find(PBUFFER b, UI4 cut, MARK* mark) {
   MUTEXHOLD hold(lock);
-  const SI4 n = b->FindStop(pStop, IgnoreCase, nullptr, from);
-  if (n < 0) *next = pStop ? b->SearchedTo(pStop) : 0;
+  if (mark->version != version || mark->searched < cut) mark->searched = cut;
+  mark->version = version;
+  const SI4 n = b->FindStop(pStop, IgnoreCase, nullptr, mark->searched);
+  if (n < 0) mark->searched = pStop ? b->SearchedTo(pStop) : cut;
   return n;
 }
 

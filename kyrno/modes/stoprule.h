@@ -19,15 +19,22 @@ class STOPRULE {
   /// Another list for the same flag.
   void Replace(PLIST list);
   bool IsSet();
-  /// End of the first stop in what b has received, from the start of the bytes, or -1. Starts
-  /// before `from` are known not to match; *next is where a search that found nothing may go on
-  /// later.
-  SI4 Find(PBUFFER b, UI4 from, UI4* next);
+  /// How far a stream has been searched, and for which list.
+  struct MARK {
+    UI4 searched = 0;  // starts before this are known not to match
+    UI4 version = 0;   // of the list
+  };
+  /// End of the first stop behind the first `cut` received bytes of b, counted from the start of
+  /// the bytes, or -1. A list that has come since the mark searches everything behind `cut` again.
+  SI4 Find(PBUFFER b, UI4 cut, MARK* mark);
 
  private:
+  void Store(PLIST list) TSA(requires_capability(lock));
+
   MUTEX lock;
   PLIST pStop GUARDED_BY(lock) = nullptr;  // owned
   bool IgnoreCase GUARDED_BY(lock) = true;
+  UI4 version GUARDED_BY(lock) = 0;  // of the list, different from that of any other rule
 };
 
 /// The property "EOM" of modes raw and text: a text or a nested vector of texts becomes the list.

@@ -56,6 +56,8 @@ SI4 ROOT::Dirty() {
   // seen by the turn that has begun, or a wake-up for the next one is on its way.
   if (wakePending.exchange(true, std::memory_order_acq_rel)) return 0;
   const SI4 code = WritePair(0);
+  // Without memory nothing was written: the next one must try again.
+  if (code) wakePending.store(false, std::memory_order_release);
   // A pair that takes no more wakes the thread anyway.
   return code == ERR_SEND ? 0 : code;
 }

@@ -97,6 +97,12 @@ TEST_P(Streams, TakeANewStopListWhileTheyRun) {
   t.root.SetProp("S", "EOM", ";");
   t.peer.Send("a\nb;c");
   EXPECT_EQ(t.root.Told("S"), "Block " + t.name + " a\nb;");
+
+  // A new list applies to what has been read and searched as well.
+  t.peer.SendApart("d|e", 3);
+  t.root.SetProp("S", "EOM", "|");
+  t.peer.Send("f");
+  EXPECT_EQ(t.root.Told("S"), "Block " + t.name + " cd|");
 }
 
 }  // namespace
