@@ -2,7 +2,8 @@
 //
 // A contest is one work in one place with all the systems. Their processes are all up before it
 // begins, and their runs take turns: what else the machine does meanwhile strikes each alike. The
-// first turn warms up, and every number of the table is the median of the others.
+// first turn warms up, and every number of the table is the median of the others. Where nobody
+// speaks there is one turn, a long one.
 //
 // This program is the peer program of the library too, see bench/peer.h.
 #include <sched.h>
@@ -15,10 +16,13 @@
 #include <iostream>
 #include <map>
 #include <optional>
+#include <thread>
 
+#include "bench/check.h"
 #include "bench/child.h"
 #include "bench/kyrno.h"
 #include "bench/peer.h"
+#include "bench/plain.h"
 #include "bench/report.h"
 
 namespace bench {
@@ -28,33 +32,66 @@ namespace {
 using nlohmann::json;
 
 constexpr int kTurns = 5;
+constexpr std::chrono::seconds kRest{10};
+
+constexpr std::string_view kThisProgram;
 
 struct Entrant {
-  const char* system;
-  const char* program;  ///< beside this program; empty for itself
-  bool commandsOnly;
+  std::string_view system;
+  std::string_view program;  ///< beside this program
+  std::string_view plain;    ///< system of this program whose clients speak to its server, or none
 };
 
 constexpr Entrant kEntrants[] = {
-    {"kyrno", "", false},
-    {"sockets", "peers/sockets", false},
-    {"sockets-2t", "peers/sockets", false},
-    {"sockets-call", "peers/sockets", true},
-    {"zeromq", "peers/peer_zmq", false},
-    {"nng", "peers/peer_nng", false},
+    {"kyrno", kThisProgram, kPlainKyrno},
+    {"sockets", "peers/sockets", kPlainSockets},
+    {"sockets-2t", "peers/sockets", kPlainSockets},
+    {"sockets-call", "peers/sockets", kPlainSockets},
+    {"zeromq", "peers/peer_zmq", ""},
+    {"nng", "peers/peer_nng", ""},
 };
+
+/// Who takes part in a work, with how many idle connections, and whether on one processor alone.
+struct LineUp {
+  std::string_view work;
+  int idle;
+  bool sameOnly;
+  std::vector<std::string_view> systems;
+};
+
+const std::vector<LineUp>& LineUps() {
+  static const std::vector<LineUp> lineUps{
+      {"rpc1", 0, false, {"kyrno", "sockets", "sockets-2t", "sockets-call", "zeromq", "nng"}},
+      {"rpc64", 0, false, {"kyrno", "sockets", "sockets-2t", "sockets-call", "zeromq", "nng"}},
+      {"bulk1M", 0, false, {"kyrno", "sockets", "sockets-2t", "zeromq", "nng"}},
+      {"bulk64M", 0, false, {"kyrno", "sockets", "sockets-2t", "zeromq", "nng"}},
+      {"rpc-idle", 0, false, {"kyrno", "sockets", "sockets-2t", "zeromq", "nng"}},
+      {"rpc-idle", 1'000, false, {"kyrno", "sockets", "sockets-2t", "zeromq", "nng"}},
+      {"rpc-idle", 10'000, true, {"kyrno", "sockets"}},
+      {"fan64", 0, false, {"kyrno", "sockets", "zeromq", "nng"}},
+      {"connect", 0, false, {"kyrno", "sockets"}},
+      {"idle-cpu", 10'000, true, {"kyrno"}},
+  };
+  return lineUps;
+}
+
+const Entrant& FindEntrant(std::string_view system) {
+  return *std::find_if(std::begin(kEntrants), std::end(kEntrants),
+                       [&](const Entrant& entrant) { return entrant.system == system; });
+}
 
 /// Which processors the two sides run on.
 struct Place {
   const char* name;
   int server;
   int client;
+
+  bool IsSame() const { return server == client; }
 };
 
 struct Contest {
   const Work& work;
   Place place;
-  int idle;  ///< further connections open
 };
 
 /// What the options leave of each list; an empty one leaves all.
@@ -63,17 +100,18 @@ struct Selection {
   std::vector<std::string> systems;
   std::vector<std::string> places;
 
-  static bool Has(const std::vector<std::string>& chosen, const std::string& name) {
+  static bool Has(const std::vector<std::string>& chosen, std::string_view name) {
     return chosen.empty() || std::find(chosen.begin(), chosen.end(), name) != chosen.end();
   }
 };
 
-std::string ProgramPath(const Entrant& entrant) {
+std::string ProgramPath(std::string_view program) {
   char self[PATH_MAX];
   const ssize_t n = readlink("/proc/self/exe", self, sizeof self);
   if (n <= 0) throw std::runtime_error("cannot find the own program");
   const std::string path(self, static_cast<std::size_t>(n));
-  return *entrant.program ? path.substr(0, path.rfind('/') + 1) + entrant.program : path;
+  if (program == kThisProgram) return path;
+  return path.substr(0, path.rfind('/') + 1).append(program);
 }
 
 /// The processors that this process may use.
@@ -104,25 +142,30 @@ std::vector<Place> Places(const Selection& selection) {
 std::vector<Contest> Contests(const Selection& selection) {
   std::vector<Contest> contests;
   for (const Work& work : kWorks)
-    for (const Place& place : Places(selection)) {
-      if (!Selection::Has(selection.works, work.name)) continue;
-      if (work.ManyConnections())
-        for (const int idle : {0, 100, 900}) contests.push_back({work, place, idle});
-      else
-        contests.push_back({work, place, 0});
-    }
+    for (const Place& place : Places(selection))
+      if (Selection::Has(selection.works, work.name)) contests.push_back({work, place});
   return contests;
 }
 
 /// One system in one contest: its processes and what they have shown.
 class Contestant {
  public:
-  Contestant(const Entrant& entrant, const Contest& contest)
+  Contestant(const Entrant& entrant, const Contest& contest, int idle)
       : result{{"work", contest.work.name},
                {"system", entrant.system},
                {"place", contest.place.name}} {
-    if (contest.work.ManyConnections()) result["idle"] = contest.idle;
-    Try([&] { Start(entrant, contest); });
+    if (contest.work.HasIdle()) result["idle"] = idle;
+    Try([&] { Start(entrant, contest, idle); });
+  }
+
+  /// The one turn of a work in which nobody speaks.
+  void Rest() {
+    Try([&] {
+      const ProcessorTime time(server->Pid());
+      const double before = time.Micros();
+      std::this_thread::sleep_for(kRest);
+      values["srv_us"].push_back(time.Micros() - before);
+    });
   }
 
   void Turn(bool counts) {
@@ -141,21 +184,25 @@ class Contestant {
   }
 
  private:
-  void Start(const Entrant& entrant, const Contest& contest) {
-    const std::string program = ProgramPath(entrant);
+  void Start(const Entrant& entrant, const Contest& contest, int idle) {
     const std::string work = contest.work.name;
-    server.emplace(program, std::vector<std::string>{"server", work, entrant.system},
+    const std::string system(entrant.system);
+    server.emplace(ProgramPath(entrant.program), std::vector<std::string>{"server", work, system},
                    contest.place.server);
     const std::string port = std::to_string(server->Line().at("port").get<int>());
-    const auto asClient = [&](const std::string& task, int number) {
-      return Child(program, {"client", port, task, entrant.system, std::to_string(number)},
+    const auto asClient = [&](const std::string& task, bool plain, int number) {
+      plain &= !entrant.plain.empty();
+      return Child(ProgramPath(plain ? kThisProgram : entrant.program),
+                   {"client", port, task, plain ? std::string(entrant.plain) : system,
+                    std::to_string(number)},
                    contest.place.client);
     };
-    if (contest.idle > 0) {
-      crowd.emplace(asClient("idle", contest.idle));
+    if (idle > 0) {
+      crowd.emplace(asClient("idle", true, idle));
       crowd->Line();
     }
-    client.emplace(asClient(work, server->Pid()));
+    if (!contest.work.IsRest())
+      client.emplace(asClient(work, contest.work.ConnectsEachTime(), server->Pid()));
   }
 
   /// The first failure ends this contestant's part, and the others go on.
@@ -183,17 +230,40 @@ class Contestant {
 
 std::vector<json> Hold(const Contest& contest, const Selection& selection) {
   std::vector<std::unique_ptr<Contestant>> contestants;
-  for (const Entrant& entrant : kEntrants)
-    if (Selection::Has(selection.systems, entrant.system) &&
-        !(entrant.commandsOnly && contest.work.IsBulk()))
-      contestants.push_back(std::make_unique<Contestant>(entrant, contest));
+  for (const LineUp& lineUp : LineUps()) {
+    if (lineUp.work != contest.work.name || (lineUp.sameOnly && !contest.place.IsSame())) continue;
+    for (const std::string_view system : lineUp.systems)
+      if (Selection::Has(selection.systems, system))
+        contestants.push_back(
+            std::make_unique<Contestant>(FindEntrant(system), contest, lineUp.idle));
+  }
 
-  for (int turn = 0; turn <= kTurns; ++turn)
-    for (const auto& contestant : contestants) contestant->Turn(turn > 0);
+  if (contest.work.IsRest()) {
+    for (const auto& contestant : contestants) contestant->Rest();
+  } else {
+    for (int turn = 0; turn <= kTurns; ++turn)
+      for (const auto& contestant : contestants) contestant->Turn(turn > 0);
+  }
 
   std::vector<json> results;
   for (const auto& contestant : contestants) results.push_back(contestant->Result());
   return results;
+}
+
+bool Write(const json& results, const std::string& file) {
+  std::ofstream out(file);
+  out << results.dump(2) << '\n';
+  out.close();
+  if (!out) std::cerr << "cannot write " << file << '\n';
+  return out.good();
+}
+
+bool Check(const json& results, const Selection& selection) {
+  std::puts("");
+  return MeetsRequirements(results, [&](auto work, auto system, auto place) {
+    return Selection::Has(selection.works, work) && Selection::Has(selection.systems, system) &&
+           Selection::Has(selection.places, place);
+  });
 }
 
 int Main(int argc, char** argv) {
@@ -205,7 +275,9 @@ int Main(int argc, char** argv) {
   CLI::App app("Measures the library against native peers over 127.0.0.1.");
   std::string file;
   Selection selection;
+  bool checks = false;
   app.add_option("--json", file, "Write the results to this file as well");
+  app.add_flag("--check", checks, "Compare the results with what is required of the library");
   app.add_option("--work", selection.works, "Only these")->check(CLI::IsMember(works));
   app.add_option("--system", selection.systems, "Only these")->check(CLI::IsMember(systems));
   app.add_option("--place", selection.places,
@@ -225,13 +297,10 @@ int Main(int argc, char** argv) {
       results.push_back(result);
     }
 
-  if (file.empty()) return complete ? 0 : 1;
-  std::ofstream out(file);
-  out << results.dump(2) << '\n';
-  out.close();
-  if (out) return complete ? 0 : 1;
-  std::cerr << "cannot write " << file << '\n';
-  return 1;
+  bool good = complete;
+  if (!file.empty() && !Write(results, file)) good = false;
+  if (checks && !Check(results, selection)) good = false;
+  return good ? 0 : 1;
 }
 
 }  // namespace
@@ -241,7 +310,9 @@ int Main(int argc, char** argv) {
 int main(int argc, char** argv) {
   const std::vector<std::string> arguments(argv + 1, argv + argc);
   if (!arguments.empty() && (arguments[0] == "server" || arguments[0] == "client"))
-    return bench::RunPeer(arguments, [](const std::string&) { return bench::MakeKyrno(); });
+    return bench::RunPeer(arguments, [](const std::string& system) {
+      return system == "kyrno" ? bench::MakeKyrno() : bench::MakePlain(system);
+    });
   try {
     signal(SIGPIPE, SIG_IGN);
     return bench::Main(argc, argv);

@@ -85,14 +85,14 @@ void Pass(const host::Session& session, const char* command, const PathArgument&
   if (code != 0) throw session.Lib().Error(command, code);
 }
 
-host::Options OptionsOf(const std::string& port) {
-  return {{"Name", ""}, {"Address", "127.0.0.1"}, {"Port", port}, {"Mode", "command"}};
+host::Options OptionsOf(const std::string& name, const std::string& port) {
+  return {{"Name", name}, {"Address", "127.0.0.1"}, {"Port", port}, {"Mode", "command"}};
 }
 
 class KyrnoServer : public Server {
  public:
   explicit KyrnoServer(const host::Session& s)
-      : session(s), name(session.Server(OptionsOf("0"))), wait(name, kWaitMillis), answer(1) {}
+      : session(s), name(session.Server(OptionsOf("", "0"))), wait(name, kWaitMillis), answer(1) {}
 
   int Port() const override { return session.Port(name); }
 
@@ -114,19 +114,28 @@ class KyrnoServer : public Server {
   PathArgument answer;
 };
 
+/// The connections are the objects C00, C01 ... of one root. Of a single one the client waits for
+/// that object, of several for the root.
 class KyrnoClient : public Client {
  public:
   KyrnoClient(const host::Session& s, int port, const Work& work)
       : session(s),
-        name(session.Client(OptionsOf(std::to_string(port)))),
-        wait(name, kWaitMillis),
-        send(name, host::kSendPlain),
-        push(name, host::kSendNoAnswer),
+        wait(work.connections == 1 ? NameOf(0) : ".", kWaitMillis),
+        push(NameOf(0), host::kSendNoAnswer),
         command(TextBlock(kCommandBytes)),
-        array(TextBlock(work.bytes)) {}
+        array(TextBlock(work.bytes)) {
+    for (unsigned i = 0; i < work.connections; ++i) {
+      session.Client(OptionsOf(NameOf(i), std::to_string(port)));
+      sends.emplace_back(NameOf(i), host::kSendPlain);
+    }
+    for (unsigned i = 0; i < work.outstanding; ++i) free.push_back(i % work.connections);
+  }
 
   void Send(unsigned n) override {
-    for (unsigned i = 0; i < n; ++i) Pass(session, "ASendZ", send, command.data());
+    for (unsigned i = 0; i < n; ++i) {
+      Pass(session, "ASendZ", sends[free.back()], command.data());
+      free.pop_back();
+    }
   }
 
   unsigned Receive() override {
@@ -136,16 +145,24 @@ class KyrnoClient : public Client {
       throw std::runtime_error("event \"" + std::string(arrival.event) + "\" came for an answer");
     if (arrival.data.Size() != command.size() * sizeof command[0])
       throw std::runtime_error("an answer of another size");
+    free.push_back(NumberIn(arrival.name));
     return 1;
   }
 
   void Push() override { Pass(session, "ASendZ", push, array.data()); }
 
  private:
+  static std::string NameOf(unsigned i) {
+    return {'C', static_cast<char>('0' + i / 10), static_cast<char>('0' + i % 10)};
+  }
+  static unsigned NumberIn(std::string_view path) {
+    return static_cast<unsigned>((path[1] - '0') * 10 + (path[2] - '0'));
+  }
+
   const host::Session& session;
-  const std::string name;
+  std::vector<PathArgument> sends;  // of each connection
+  std::vector<unsigned> free;       // connection of each command that may be sent
   const PathArgument wait;
-  const PathArgument send;
   const PathArgument push;
   const Block command;
   const Block array;

@@ -42,16 +42,30 @@ struct Work {
   const char* name;
   std::size_t bytes;     ///< of each command or array
   unsigned outstanding;  ///< commands on their way at once, or arrays up to the closing command
+  unsigned connections;  ///< of the client, over which its commands are spread
+  bool manyConnections;  ///< a server has to look for the connection that speaks
 
   bool IsBulk() const { return bytes > kCommandBytes; }
-  /// More connections than one come, so that a server has to look for the one that speaks.
-  bool ManyConnections() const { return std::string_view(name) == "rpc-idle"; }
+  /// Further connections are open and silent.
+  bool HasIdle() const { return Is("rpc-idle") || Is("idle-cpu"); }
+  /// Nobody speaks at all.
+  bool IsRest() const { return Is("idle-cpu"); }
+  /// Each command has a connection of its own.
+  bool ConnectsEachTime() const { return Is("connect"); }
+
+ private:
+  bool Is(std::string_view other) const { return name == other; }
 };
 
 inline constexpr std::array kWorks{
-    Work{"rpc1", kCommandBytes, 1},           Work{"rpc64", kCommandBytes, 64},
-    Work{"bulk1M", std::size_t{1} << 20, 64}, Work{"bulk64M", std::size_t{64} << 20, 4},
-    Work{"rpc-idle", kCommandBytes, 1},
+    Work{"rpc1", kCommandBytes, 1, 1, false},
+    Work{"rpc64", kCommandBytes, 64, 1, false},
+    Work{"bulk1M", std::size_t{1} << 20, 64, 1, false},
+    Work{"bulk64M", std::size_t{64} << 20, 4, 1, false},
+    Work{"rpc-idle", kCommandBytes, 1, 1, true},
+    Work{"fan64", kCommandBytes, 64, 64, true},
+    Work{"connect", kCommandBytes, 1, 1, true},
+    Work{"idle-cpu", kCommandBytes, 1, 1, true},
 };
 
 inline const Work& FindWork(std::string_view name) {
@@ -60,7 +74,7 @@ inline const Work& FindWork(std::string_view name) {
   throw std::runtime_error("no such work: " + std::string(name));
 }
 
-/// One connection to a server. Errors: exceptions, from all.
+/// The connections of one client to a server. Errors: exceptions, from all.
 class Client {
  public:
   Client() = default;
@@ -68,7 +82,7 @@ class Client {
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
-  /// Sends that many commands.
+  /// Sends that many commands, each on a connection that has the fewest on their way.
   virtual void Send(unsigned n) = 0;
   /// Waits for answers; returns how many came, at least one.
   virtual unsigned Receive() = 0;
@@ -126,7 +140,7 @@ inline double Quantile(std::vector<double>& values, double share) {
   return *nth;
 }
 
-/// Short runs of one work on one connection.
+/// Short runs of one work.
 class Measurement {
  public:
   Measurement(Client& c, const Work& w, pid_t serverPid) : client(c), work(w), server(serverPid) {}
@@ -228,20 +242,27 @@ inline bool AwaitByte() {
   return read(STDIN_FILENO, &byte, 1) == 1;
 }
 
-/// Each connection makes one round trip, so that the server has met it for certain.
-inline void KeepIdle(System& system, int port, int n) {
+/// Each connection makes one round trip, so that the server has met it for certain. They come in
+/// batches, which is quick and still fits the queue of any listener.
+inline void KeepIdle(System& system, int port, std::size_t n) {
+  constexpr std::size_t kBatch = 64;
   const Work& work = FindWork("rpc-idle");
   std::vector<std::unique_ptr<Client>> clients;
-  for (int i = 0; i < n; ++i) {
-    clients.push_back(system.Connect(port, work));
-    clients.back()->Send(1);
-    clients.back()->Receive();
+  while (clients.size() < n) {
+    const std::size_t first = clients.size();
+    const std::size_t end = std::min(n, first + kBatch);
+    while (clients.size() < end) {
+      clients.push_back(system.Connect(port, work));
+      clients.back()->Send(1);
+    }
+    for (std::size_t i = first; i < end; ++i) clients[i]->Receive();
   }
   PrintLine({{"idle", n}});
   while (AwaitByte()) continue;
 }
 
-/// Some systems take two descriptors for a connection, more than the usual limit has for 900.
+/// The usual limit has too few descriptors for the idle connections, of which some systems take two
+/// each.
 inline void RaiseFileLimit() {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
@@ -272,7 +293,7 @@ int RunPeer(const std::vector<std::string>& arguments, Make make) {
     const int number = ToInt(arguments[4]);
     const std::unique_ptr<System> system = make(arguments[3]);
     if (arguments[2] == "idle") {
-      KeepIdle(*system, port, number);
+      KeepIdle(*system, port, static_cast<std::size_t>(number));
       return 0;
     }
     const Work& work = FindWork(arguments[2]);

@@ -21,7 +21,7 @@ struct Column {
 };
 
 constexpr Column kColumns[] = {
-    {"work", "work", -8, 0},      {"place", "place", -5, 0}, {"idle", "idle", 4, 0},
+    {"work", "work", -8, 0},      {"place", "place", -5, 0}, {"idle", "idle", 5, 0},
     {"system", "system", -12, 0}, {"rate", "rate/s", 9, 0},  {"p50us", "p50 us", 8, 1},
     {"p99us", "p99 us", 8, 1},    {"gbs", "GB/s", 6, 2},     {"srv_us", "server us", 9, 2},
 };

@@ -1,5 +1,6 @@
 // peer_nng.cpp - nng, by the pattern that suits each work: REQ and REP for single commands, PAIR
-// for many at once and for arrays, because it keeps one connection busy in both directions.
+// for many at once and for arrays, because it keeps one connection busy in both directions. A
+// client of many connections has a REQ socket for each and waits for their answers in turn.
 #include <nng/nng.h>
 #include <nng/protocol/pair0/pair.h>
 #include <nng/protocol/reqrep0/rep.h>
@@ -42,7 +43,7 @@ class Message {
 
 struct Socket {
   explicit Socket(const Work& work, bool listens) {
-    const bool pair = work.IsBulk() || work.outstanding > 1;
+    const bool pair = work.IsBulk() || work.outstanding > work.connections;
     Check(pair      ? nng_pair0_open(&handle)
           : listens ? nng_rep0_open(&handle)
                     : nng_req0_open(&handle),
@@ -92,9 +93,12 @@ class NngServer : public bench::Server {
 class NngClient : public bench::Client {
  public:
   NngClient(int port, const Work& work)
-      : socket(work, false), command(kCommandBytes), array(work.IsBulk() ? work.bytes : 0) {
+      : command(kCommandBytes), array(work.IsBulk() ? work.bytes : 0) {
     const std::string url = "tcp://127.0.0.1:" + std::to_string(port);
-    Check(nng_dial(socket.handle, url.c_str(), nullptr, 0), "dial");
+    for (unsigned i = 0; i < work.connections; ++i) {
+      sockets.push_back(std::make_unique<Socket>(work, false));
+      Check(nng_dial(sockets.back()->handle, url.c_str(), nullptr, 0), "dial");
+    }
   }
 
   void Send(unsigned n) override {
@@ -102,7 +106,7 @@ class NngClient : public bench::Client {
   }
 
   unsigned Receive() override {
-    const Message answer(socket.Receive());
+    const Message answer(Next(&receiving).Receive());
     if (answer.Size() != kCommandBytes) throw std::runtime_error("an answer of another size");
     return 1;
   }
@@ -113,10 +117,18 @@ class NngClient : public bench::Client {
   void SendOne(const std::vector<char>& bytes) {
     Message message(bytes.size());
     message.Fill(bytes);
-    message.Send(socket.handle);
+    message.Send(Next(&sending).handle);
   }
 
-  Socket socket;
+  Socket& Next(std::size_t* turn) {
+    Socket& next = *sockets[*turn];
+    if (++*turn == sockets.size()) *turn = 0;
+    return next;
+  }
+
+  std::vector<std::unique_ptr<Socket>> sockets;
+  std::size_t sending = 0;    // whose turn it is
+  std::size_t receiving = 0;  // the same
   const std::vector<char> command;
   const std::vector<char> array;
 };

@@ -1,5 +1,6 @@
 // peer_zmq.cpp - ZeroMQ, by the pattern that suits each work: REQ and REP for single commands,
-// DEALER and ROUTER for many at once, PUSH and PULL for arrays.
+// DEALER and ROUTER for many at once, PUSH and PULL for arrays. A client of many connections polls
+// a DEALER for each.
 //
 // PUSH has no way back: the client of a bulk work pulls on a port of its own, which the closing
 // command names, and the server pushes the answer there.
@@ -151,6 +152,48 @@ class ZmqClient : public bench::Client {
   Command command{};
 };
 
+/// Many connections, one command at a time on each.
+class FanClient : public bench::Client {
+ public:
+  FanClient(void* context, int port, const Work& work) {
+    for (unsigned i = 0; i < work.connections; ++i) {
+      sockets.push_back(std::make_unique<Socket>(context, ZMQ_DEALER));
+      sockets.back()->Connect(port);
+      items.push_back({sockets.back()->handle, 0, ZMQ_POLLIN, 0});
+      silent.push_back(i);
+    }
+  }
+
+  void Send(unsigned n) override {
+    for (unsigned i = 0; i < n; ++i) {
+      sockets[silent.back()]->Send(command.data(), command.size());
+      silent.pop_back();
+    }
+  }
+
+  unsigned Receive() override {
+    Checked(zmq_poll(items.data(), static_cast<int>(items.size()), -1), "poll");
+    unsigned answers = 0;
+    for (unsigned i = 0; i < items.size(); ++i) {
+      if (!(items[i].revents & ZMQ_POLLIN)) continue;
+      Message answer;
+      answer.Receive(*sockets[i]);
+      if (answer.Size() != kCommandBytes) throw std::runtime_error("an answer of another size");
+      silent.push_back(i);
+      ++answers;
+    }
+    return answers;
+  }
+
+  void Push() override { throw std::runtime_error("a client of many sends commands alone"); }
+
+ private:
+  const Command command{};
+  std::vector<std::unique_ptr<Socket>> sockets;
+  std::vector<zmq_pollitem_t> items;  // of each socket
+  std::vector<unsigned> silent;       // sockets with no command on its way
+};
+
 class Zmq : public bench::System {
  public:
   Zmq() : context(zmq_ctx_new()) {}
@@ -160,6 +203,7 @@ class Zmq : public bench::System {
     return std::make_unique<ZmqServer>(context, work);
   }
   std::unique_ptr<bench::Client> Connect(int port, const Work& work) override {
+    if (work.connections > 1) return std::make_unique<FanClient>(context, port, work);
     return std::make_unique<ZmqClient>(context, port, work);
   }
 

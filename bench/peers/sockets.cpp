@@ -5,80 +5,33 @@
 //                  application's thread, which sends
 //   sockets-call   one thread on each side, one system call for each message; commands alone
 //
+// Where many connections come, the server has them all in one epoll, and so has a client of many.
+//
 // A frame is its payload's length, 4 bytes, and the payload.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/epoll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <condition_variable>
-#include <map>
 #include <mutex>
 #include <span>
-#include <system_error>
 #include <thread>
-#include <utility>
 
 #include "bench/peer.h"
+#include "bench/socket.h"
 
 namespace {
 
+using bench::Checked;
+using bench::Descriptor;
 using bench::kCommandBytes;
+using bench::SendAll;
 using bench::Work;
 
 constexpr std::size_t kHead = sizeof(std::uint32_t);
 constexpr std::size_t kCommandFrame = kHead + kCommandBytes;
 constexpr std::size_t kReadBytes = 65536;
+constexpr std::size_t kSmallReadBytes = 4096;  // for each of many connections
 
 enum class Style { Batch, TwoThreads, CallPerMessage };
-
-ssize_t Checked(ssize_t result, const char* doing) {
-  if (result < 0) throw std::system_error(errno, std::generic_category(), doing);
-  return result;
-}
-
-/// Owns a descriptor.
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor) : fd(descriptor) {}
-  Descriptor(Descriptor&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
-  Descriptor& operator=(Descriptor&&) = delete;
-  ~Descriptor() {
-    if (fd >= 0) close(fd);
-  }
-  int Get() const { return fd; }
-
- private:
-  int fd;
-};
-
-sockaddr_in Loopback(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-Descriptor NewSocket() {
-  return Descriptor(static_cast<int>(Checked(socket(AF_INET, SOCK_STREAM, 0), "socket")));
-}
-
-void SetNoDelay(int fd) {
-  const int on = 1;
-  Checked(setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on), "TCP_NODELAY");
-}
-
-void SendAll(int fd, const char* from, std::size_t n) {
-  while (n > 0) {
-    const auto sent = static_cast<std::size_t>(Checked(send(fd, from, n, 0), "send"));
-    from += sent;
-    n -= sent;
-  }
-}
 
 std::size_t PayloadBytes(const char* frame) {
   std::uint32_t n;
@@ -97,7 +50,8 @@ std::vector<char> MakeFrames(std::size_t payload, unsigned n) {
 /// Bytes that came in on one connection.
 struct Input {
   Input(int descriptor, const Work& work)
-      : fd(descriptor), bytes(std::max(kReadBytes, kHead + work.bytes)) {}
+      : fd(descriptor),
+        bytes(work.manyConnections ? kSmallReadBytes : std::max(kReadBytes, kHead + work.bytes)) {}
 
   /// Appends what one recv brings; false at the end of the stream.
   bool Fill() {
@@ -187,10 +141,32 @@ class Handover {
   bool closed = false;  // the network thread has ended, or is to end
 };
 
+/// Many connections, watched for something to receive.
+class Poll {
+ public:
+  void Watch(int fd) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    Checked(epoll_ctl(poll.Get(), EPOLL_CTL_ADD, fd, &event), "epoll");
+  }
+  /// Waits; valid until the next call.
+  std::span<const epoll_event> Wait() {
+    const auto n = Checked(
+        epoll_wait(poll.Get(), events.data(), static_cast<int>(events.size()), -1), "epoll");
+    return std::span(events).first(static_cast<std::size_t>(n));
+  }
+
+ private:
+  const Descriptor poll{static_cast<int>(Checked(epoll_create1(0), "epoll"))};
+  std::array<epoll_event, 64> events;
+};
+
 class SocketServer : public bench::Server {
  public:
-  SocketServer(const Work& w, Style s) : work(w), style(s), listener(NewSocket()), handover(w) {
-    sockaddr_in address = Loopback(0);
+  SocketServer(const Work& w, Style s)
+      : work(w), style(s), listener(bench::NewSocket()), handover(w) {
+    sockaddr_in address = bench::Loopback(0);
     socklen_t size = sizeof address;
     Checked(bind(listener.Get(), reinterpret_cast<sockaddr*>(&address), size), "bind");
     Checked(listen(listener.Get(), SOMAXCONN), "listen");
@@ -212,43 +188,42 @@ class SocketServer : public bench::Server {
 
  private:
   void ServeConnections() {
-    if (work.ManyConnections()) return ServeMany();
+    if (work.manyConnections) return ServeMany();
     const Descriptor connection = Accept();
     Input input(connection.Get(), work);
     while (Turn(input)) continue;
   }
 
   void ServeMany() {
-    const Descriptor poll(static_cast<int>(Checked(epoll_create1(0), "epoll")));
-    std::map<int, std::pair<Descriptor, Input>> connections;
-    Watch(poll.Get(), listener.Get());
-    for (;;) {
-      std::array<epoll_event, 64> events;
-      const auto n = Checked(epoll_wait(poll.Get(), events.data(), events.size(), -1), "epoll");
-      for (const epoll_event& event : std::span(events).first(static_cast<std::size_t>(n))) {
-        if (event.data.fd == listener.Get()) {
-          Descriptor connection = Accept();
-          const int fd = connection.Get();
-          Watch(poll.Get(), fd);
-          connections.emplace(fd, std::pair(std::move(connection), Input(fd, work)));
-        } else if (!Turn(connections.at(event.data.fd).second)) {
-          connections.erase(event.data.fd);
+    struct Connection {
+      Connection(Descriptor accepted, const Work& w)
+          : owned(std::move(accepted)), input(owned.Get(), w) {}
+      const Descriptor owned;
+      Input input;
+    };
+    std::vector<std::unique_ptr<Connection>> connections;  // by descriptor
+    Poll poll;
+    poll.Watch(listener.Get());
+    for (;;)
+      for (const epoll_event& event : poll.Wait()) {
+        if (event.data.fd != listener.Get()) {
+          auto& connection = connections[static_cast<std::size_t>(event.data.fd)];
+          if (!Turn(connection->input)) connection.reset();
+          continue;
         }
+        Descriptor accepted = Accept();
+        const int fd = accepted.Get();
+        const auto at = static_cast<std::size_t>(fd);
+        if (at >= connections.size()) connections.resize(at * 2 + 1);
+        poll.Watch(fd);
+        connections[at] = std::make_unique<Connection>(std::move(accepted), work);
       }
-    }
-  }
-
-  static void Watch(int poll, int fd) {
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.fd = fd;
-    Checked(epoll_ctl(poll, EPOLL_CTL_ADD, fd, &event), "epoll");
   }
 
   Descriptor Accept() const {
     Descriptor connection(
         static_cast<int>(Checked(accept(listener.Get(), nullptr, nullptr), "accept")));
-    SetNoDelay(connection.Get());
+    bench::SetNoDelay(connection.Get());
     return connection;
   }
 
@@ -292,15 +267,12 @@ class SocketClient : public bench::Client {
   SocketClient(int port, const Work& w, Style s)
       : work(w),
         style(s),
-        connection(NewSocket()),
+        connection(bench::NewSocket()),
         commands(MakeFrames(kCommandBytes, w.IsBulk() ? 1 : w.outstanding)),
         array(w.IsBulk() ? MakeFrames(w.bytes, 1) : std::vector<char>()),
         input(connection.Get(), w),
         handover(w) {
-    const sockaddr_in address = Loopback(port);
-    Checked(connect(connection.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
-            "connect");
-    SetNoDelay(connection.Get());
+    bench::Connect(connection.Get(), port);
     if (style == Style::TwoThreads) network = std::jthread([this] { Network(); });
   }
 
@@ -353,6 +325,47 @@ class SocketClient : public bench::Client {
   std::jthread network;  // last, so that it ends before what it uses
 };
 
+/// Many connections, one command at a time on each.
+class FanClient : public bench::Client {
+ public:
+  FanClient(int port, const Work& work) : command(MakeFrames(kCommandBytes, 1)) {
+    for (unsigned i = 0; i < work.connections; ++i) {
+      const int fd = connections.emplace_back(bench::NewSocket()).Get();
+      bench::Connect(fd, port);
+      poll.Watch(fd);
+      silent.push_back(fd);
+    }
+  }
+
+  void Send(unsigned n) override {
+    for (unsigned i = 0; i < n; ++i) {
+      SendAll(silent.back(), command.data(), command.size());
+      silent.pop_back();
+    }
+  }
+
+  unsigned Receive() override {
+    const std::span<const epoll_event> events = poll.Wait();
+    for (const epoll_event& event : events) {
+      const int fd = event.data.fd;
+      if (Checked(recv(fd, answer.data(), answer.size(), MSG_WAITALL), "recv") != kCommandFrame ||
+          PayloadBytes(answer.data()) != kCommandBytes)
+        throw std::runtime_error("the connection was closed or brought another size");
+      silent.push_back(fd);
+    }
+    return static_cast<unsigned>(events.size());
+  }
+
+  void Push() override { throw std::runtime_error("a client of many sends commands alone"); }
+
+ private:
+  const std::vector<char> command;
+  std::array<char, kCommandFrame> answer;
+  std::vector<Descriptor> connections;
+  std::vector<int> silent;  // those with no command on its way
+  Poll poll;
+};
+
 class Sockets : public bench::System {
  public:
   explicit Sockets(const std::string& name) : style(StyleOf(name)) {}
@@ -363,6 +376,7 @@ class Sockets : public bench::System {
   }
   std::unique_ptr<bench::Client> Connect(int port, const Work& work) override {
     Check(work);
+    if (work.connections > 1) return std::make_unique<FanClient>(port, work);
     return std::make_unique<SocketClient>(port, work, style);
   }
 
@@ -377,6 +391,8 @@ class Sockets : public bench::System {
   void Check(const Work& work) const {
     if (style == Style::CallPerMessage && work.IsBulk())
       throw std::runtime_error("one system call cannot move an array");
+    if (style == Style::TwoThreads && work.connections > 1)
+      throw std::runtime_error("a client of many has one thread");
   }
 
   const Style style;
