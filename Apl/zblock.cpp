@@ -3,10 +3,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
+#include <cassert>
 #include <cstring>
+#include <utility>
 
+#include "Apl/vatrans.h"
 #include "kyrno/base/error.h"
+#include "util/blockstore.h"
 #include "util/wire.h"
 
 // A nested array may be 1,024 deep and the stack small: what is not the walk itself stays in frames
@@ -22,7 +25,7 @@ constexpr UI1 kNested = 0x7;
 
 std::atomic<bool> unicodeChars{true};  // tally
 
-UI4 HeadBytes(UI2 rank) { return kArrayHead + 8u * rank; }
+constexpr UI4 HeadBytes(UI2 rank) { return kArrayHead + 8u * rank; }
 
 // Whether the elements are carried as they stand in memory.
 bool IsPlain(VATYPES type) {
@@ -63,16 +66,27 @@ UI8 Size(const VARRAY* array, UI4 depth) {
   return size;
 }
 
-// Writes head and shape of an array; behind them come its data or its children.
-OFF_THE_WALK void PackHead(const VARRAY* array, PCH1 target) {
-  const bool nested = VAType(array) == VAPntr;
-  const UI2 rank = array->rank;
-  const UI8 length = rank + 3u + (VADataLength(array) + UI8{7}) / 8;
+// Writes the head of an array without its shape; a nested one counts 8 bytes of data for each item.
+void PutHead(VATYPES type, UI2 rank, UI8 dataBytes, PCH1 target) {
+  const bool nested = type == VAPntr;
+  const UI8 length = rank + 3u + (dataBytes + 7) / 8;
   memcpy(target, &length, sizeof length);
   target[8] = static_cast<CH1>(rank << 4 | (nested ? kNested : kSimple));
-  target[9] = static_cast<CH1>(Eltype(VAType(array)));
+  target[9] = static_cast<CH1>(Eltype(type));
   memset(target + 10, 0, 6);
-  for (UI2 axis = 0; axis < rank; ++axis) {
+}
+
+// The same of a vector, with its shape.
+void PutVectorHead(VATYPES type, UI4 n, UI8 dataBytes, PCH1 target) {
+  PutHead(type, 1, dataBytes, target);
+  const UI8 extent = n;
+  memcpy(target + kArrayHead, &extent, sizeof extent);
+}
+
+// Writes head and shape of an array; behind them come its data or its children.
+OFF_THE_WALK void PackHead(const VARRAY* array, PCH1 target) {
+  PutHead(VAType(array), array->rank, VADataLength(array), target);
+  for (UI2 axis = 0; axis < array->rank; ++axis) {
     const UI8 extent = array->shape[axis];
     memcpy(target + kArrayHead + 8u * axis, &extent, sizeof extent);
   }
@@ -151,7 +165,10 @@ PAA ReadTree(const CH1* base, UI4 length, PUI4 offset, UI4 depth, PSI4 code) {
 }  // namespace
 
 bool isUnicode() { return unicodeChars.load(std::memory_order_relaxed); }
-void SetUnicode(bool unicode) { unicodeChars.store(unicode, std::memory_order_relaxed); }
+void SetUnicode(bool unicode) {
+  // All calls say the same: a store each time would take the line from the other threads.
+  if (isUnicode() != unicode) unicodeChars.store(unicode, std::memory_order_relaxed);
+}
 
 UI4 ZLength(const void* block) { return GetUI4(block); }
 UI4 ZHeaderWord(const void* block) { return GetUI4(static_cast<const CH1*>(block) + 4); }
@@ -203,7 +220,7 @@ PUI4 PackZ(PAA owned) {
   const UI8 size = SizeAA(owned);
   if (size == 0 || size > UINT32_MAX - kZHead) return nullptr;
   const UI4 length = static_cast<UI4>(size) + kZHead;
-  CH1* const block = static_cast<CH1*>(malloc(length));
+  CH1* const block = static_cast<CH1*>(BlockAlloc(length));
   if (!block) return nullptr;
 
   PutUI4(block, length);
@@ -222,35 +239,118 @@ bool ViewZ(const void* block, UI4 length, ZVIEW* view) {
   return true;
 }
 
-PUI4 VectorZ(VATYPES type, UI4 n, PCH1* data) {
-  const UI8 bytes = (static_cast<UI8>(VAsize[type]) * n + 7) / 8;
-  const UI8 padded = (bytes + 7) / 8 * 8;
-  const UI8 length = kZHead + HeadBytes(1) + padded;
-  if (!IsPlain(type) || length > UINT32_MAX) return nullptr;
-  CH1* const block = static_cast<CH1*>(malloc(length));
-  if (!block) return nullptr;
-  PutUI4(block, static_cast<UI4>(length));
+UI4 ViewItems(const void* block, UI4 length, ZVIEW* items, UI4 max) {
+  if (length < kZHead || ZLength(block) != length || !IsZHeader(ZHeaderWord(block))) return 0;
+  const CH1* const base = static_cast<const CH1*>(block);
+  UI4 at = kZHead;
+  ARRAYHEAD head;
+  if (!ReadHead(base + at, length - at, &head)) return 0;
+  UI4 n = 1;
+  if (head.type == VAPntr) {
+    n = head.elements;
+    if (head.rank != 1 || n > max) return 0;
+    at += head.bytes;
+  }
+  for (UI4 i = 0; i < n; ++i) {
+    if (!ReadHead(base + at, length - at, &head) || head.type == VAPntr) return 0;
+    items[i] = {head.type, head.rank, head.elements, base + at + head.bytes};
+    at += head.extent;
+  }
+  return at == length ? n : 0;
+}
+
+namespace {
+
+/// Bytes of n elements, and with the padding behind them.
+UI8 DataBytes(VATYPES type, UI4 n) { return (static_cast<UI8>(VAsize[type]) * n + 7) / 8; }
+UI8 Padded(UI8 bytes) { return (bytes + 7) / 8 * 8; }
+
+}  // namespace
+
+UI4 VectorZTail(VATYPES type, UI4 n) {
+  const UI8 bytes = DataBytes(type, n);
+  return static_cast<UI4>(Padded(bytes) - bytes);
+}
+
+void FinishVectorZ(PCH1 block, VATYPES type, UI4 n) {
+  static_assert(kVectorZHead == kZHead + HeadBytes(1));
+  const UI8 bytes = DataBytes(type, n);
+  const UI8 padded = Padded(bytes);
+  PutUI4(block, static_cast<UI4>(kVectorZHead + padded));
   PutUI4(block + 4, RETZHEADER);
 
-  CH1* const top = block + kZHead;
-  const UI8 words = 1 + 3 + padded / 8;
-  const UI8 extent = n;
-  memcpy(top, &words, sizeof words);
-  top[8] = static_cast<CH1>(1 << 4 | kSimple);
-  top[9] = static_cast<CH1>(Eltype(type));
-  memset(top + 10, 0, 6);
-  memcpy(top + kArrayHead, &extent, sizeof extent);
-  *data = top + HeadBytes(1);
-  memset(*data + bytes, 0, padded - bytes);
+  PutVectorHead(type, n, bytes, block + kZHead);
+  memset(block + kVectorZHead + bytes, 0, padded - bytes);
+}
+
+PUI4 VectorZ(VATYPES type, UI4 n, PCH1* data) {
+  const UI8 length = kVectorZHead + Padded(DataBytes(type, n));
+  if (!IsPlain(type) || length > UINT32_MAX) return nullptr;
+  CH1* const block = static_cast<CH1*>(BlockAlloc(length));
+  if (!block) return nullptr;
+  FinishVectorZ(block, type, n);
+  *data = block + kVectorZHead;
   return reinterpret_cast<PUI4>(block);
 }
 
 PUI4 ScalarZ(UI4 value) {
   static constexpr UI1 scalarZ[32] = {0, 0, 0, 0x20, 0, 0, 0, ZHEADER, 4,
                                       0, 0, 0, 0,    0, 0, 0, 0x0F,    0x04};
-  CH1* const block = static_cast<CH1*>(malloc(sizeof scalarZ));
+  CH1* const block = static_cast<CH1*>(BlockAlloc(sizeof scalarZ));
   if (!block) return nullptr;
   memcpy(block, scalarZ, sizeof scalarZ);
   memcpy(block + 24, &value, sizeof value);
   return reinterpret_cast<PUI4>(block);
+}
+
+UI4 ZWRITER::VectorBytes(VATYPES type, UI4 n) {
+  return HeadBytes(1) + static_cast<UI4>(Padded(DataBytes(type, n)));
+}
+
+ZWRITER::ZWRITER(UI4 bytes) : block(static_cast<CH1*>(BlockAlloc(kZHead + UI8{bytes}))), at(block) {
+  if (!block) return;
+  PutUI4(block, kZHead + bytes);
+  PutUI4(block + 4, RETZHEADER);
+  at += kZHead;
+}
+
+ZWRITER::~ZWRITER() { BlockFree(block); }
+
+CH1* ZWRITER::Vector(VATYPES type, UI4 n) {
+  const UI8 bytes = DataBytes(type, n);
+  PutVectorHead(type, n, bytes, at);
+  CH1* const data = at + HeadBytes(1);
+  at = data + Padded(bytes);
+  memset(data + bytes, 0, static_cast<size_t>(at - (data + bytes)));
+  return data;
+}
+
+void ZWRITER::Nested(UI4 n) {
+  static_assert(kNestedBytes == HeadBytes(1));
+  PutVectorHead(VAPntr, n, UI8{n} * sizeof(PAA), at);
+  at += kNestedBytes;
+}
+
+void ZWRITER::Int(SI4 value) {
+  static_assert(kIntBytes == HeadBytes(0) + 8);
+  PutHead(VAI4, 0, sizeof value, at);
+  const UI8 padded = static_cast<UI4>(value);
+  memcpy(at + HeadBytes(0), &padded, sizeof padded);
+  at += kIntBytes;
+}
+
+void ZWRITER::Text(PCH10 text, UI4 n) {
+  CH1* const data = Vector(VAC1, n);
+  if (n > 0) memcpy(data, text, n);
+  VA2avn(data, n);
+}
+
+void ZWRITER::Floats(const F8* values, UI4 n) {
+  CH1* const data = Vector(VAF8, n);
+  if (n > 0) memcpy(data, values, n * sizeof *values);
+}
+
+PUI4 ZWRITER::Finish() {
+  assert(at == block + ZLength(block));
+  return reinterpret_cast<PUI4>(std::exchange(block, nullptr));
 }

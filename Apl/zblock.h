@@ -81,6 +81,55 @@ struct ZVIEW {
 /// that ReadZ refuses.
 bool ViewZ(const void* block, UI4 length, ZVIEW* view);
 
+/// Looks in the same way at the items of a vector of at most `max` simple arrays; a simple array is
+/// its own only item. The result is their number, 0 for every other form and for everything that
+/// ReadZ refuses.
+UI4 ViewItems(const void* block, UI4 length, ZVIEW* items, UI4 max);
+
+/// Where the elements of a vector begin in its block, and what stands behind them.
+inline constexpr UI4 kVectorZHead = 32;
+UI4 VectorZTail(VATYPES type, UI4 n);
+/// Writes all but the elements of a vector of a simple type: its block, of less than 4 GiB, has
+/// room for the head, n elements and the tail.
+void FinishVectorZ(PCH1 block, VATYPES type, UI4 n);
+
 /// A new block, for free(), with a vector of n elements of a simple type, which the caller writes
 /// at *data. Null when memory is short or the block would be above 4 GiB.
 PUI4 VectorZ(VATYPES type, UI4 n, PCH1* data);
+
+/// Writes a block of a known form from front to back, byte for byte what PackZ would make of the
+/// array: first its size, then the arrays in their order.
+///
+/// Owner:   the stack of the function that writes. A block that nobody finished is freed.
+/// Threads: that thread.
+/// Errors:  false without memory; nothing may be written then.
+class ZWRITER {
+ public:
+  static constexpr UI4 kIntBytes = 24;
+  static constexpr UI4 kNestedBytes = 24;
+  static UI4 VectorBytes(VATYPES type, UI4 n);
+
+  /// For arrays of so many bytes together, which come to less than 4 GiB.
+  explicit ZWRITER(UI4 bytes);
+  ~ZWRITER();
+  ZWRITER(const ZWRITER&) = delete;
+  ZWRITER& operator=(const ZWRITER&) = delete;
+  explicit operator bool() const { return block != nullptr; }
+
+  /// The head of a vector whose n items follow.
+  void Nested(UI4 n);
+  /// A scalar.
+  void Int(SI4 value);
+  /// A text, translated as VASetCH1 does.
+  void Text(PCH10 text, UI4 n);
+  void Floats(const F8* values, UI4 n);
+
+  /// The block, for free(), when all is written.
+  [[nodiscard]] PUI4 Finish();
+
+ private:
+  CH1* Vector(VATYPES type, UI4 n);
+
+  CH1* block;  // owned
+  CH1* at;     // behind what is written
+};

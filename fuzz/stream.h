@@ -23,7 +23,11 @@ class STREAM {
     peer = pair[1];
     connection = make(new RPCSOCK(pair[0]));
     connection->SetState(SConnected);
+    ROOT* const object = static_cast<ROOT*>(root.Obj());
+    if (object->Sets.ss.Open() || object->OpenReadAhead()) abort();
     node = root.AddNew("CON", connection);
+    object->Mark(node);
+    Turn();
   }
   ~STREAM() {
     if (peer >= 0) close(peer);
@@ -51,28 +55,12 @@ class STREAM {
  private:
   void Turn() {
     AssumeWorkThread();
-    FDSETS sets;
-    Clear(&sets.ss);
-    sets.pItem = node;
-    connection->Setinfo(&sets);
-    CheckChildren(node, &sets);
-    sets.pItem = node;
-    connection->Check(&sets);
-    sets.ss.cntBuffered = 1;  // poll only
+    ROOT* const object = static_cast<ROOT*>(root.Obj());
     SI4 count = 0;
-    if (SfWait(&sets.ss, 0, &count)) abort();
-    sets.pItem = node;
-    connection->Execute(&sets);
+    object->Sets.ss.WakeAt(1);  // poll only
+    if (SfWait(&object->Sets.ss, 0, &count)) abort();
+    object->Turn(count);
     Deliver(node);
-  }
-
-  static void CheckChildren(PHIERAKI parent, PFDSETS sets) WORK_ONLY {
-    parent->WalkSub([&](PHIERAKI child) {
-      AssumeWorkThread();
-      CheckChildren(child, sets);
-      sets->pItem = child;
-      child->Obj()->Check(sets);
-    });
   }
 
   /// Picks every ready unit below, as waiting threads do, and removes what is finished.

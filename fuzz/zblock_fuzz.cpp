@@ -1,8 +1,10 @@
-// zblock_fuzz.cpp - a block is refused, or it comes back from PackZ and reads the same again.
+// zblock_fuzz.cpp - a block is refused, or it comes back from PackZ and reads the same again; as an
+// argument it reads in place as from its array.
 #include <cstdlib>
 #include <cstring>
 
 #include "Apl/vaconv.h"
+#include "tests/support/argreads.h"
 #include "tests/support/zfuzz.h"
 
 namespace {
@@ -23,6 +25,9 @@ bool Same(const VARRAY* a, const VARRAY* b) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   PAA raw = nullptr;
   if (ReadZ(data, static_cast<UI4>(size), &raw) == 0) raw = VAFree(raw);
+
+  const zcode::Bytes block = zcode::Block(zcode::Bytes(data, data + size));
+  if (!(ReadByArgument(block) == ReadByArray(block))) __builtin_trap();
 
   VAHOLD array = ReadFuzzed(data, size);
   if (!array) return 0;

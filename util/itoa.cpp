@@ -19,3 +19,21 @@ PCH1 portableItoa(int value, PCH1 text, int base) {
   *end = 0;
   return text;
 }
+
+PCH1 PutDigits(PCH1 at, UI4 value, UI4 width) {
+  CH1 digits[10];
+  UI4 n = 0;
+  do {
+    digits[n++] = static_cast<CH1>('0' + value % 10);
+    value /= 10;
+  } while (value > 0);
+  while (n < width) digits[n++] = '0';
+  while (n > 0) *at++ = digits[--n];
+  *at = 0;
+  return at;
+}
+
+void NumberedName(PCH1 to, PCH10 prefix, UI4 number) {
+  while (*prefix) *to++ = *prefix++;
+  PutDigits(to, number, 8);
+}

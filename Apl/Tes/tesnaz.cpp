@@ -7,7 +7,6 @@
 #include <cstring>
 
 #include "Apl/vaconv.h"
-#include "Apl/vaset.h"
 #include "Apl/vatrans.h"
 #include "Apl/zblock.h"
 #include "include/kyrno.h"
@@ -19,6 +18,8 @@
 #include "kyrno/boundary/props.h"
 #include "kyrno/boundary/wait.h"
 #include "sys/linux/qlnplat.h"
+#include "util/blockstore.h"
+#include "util/pool.h"
 
 static constexpr UI4 MODULE = 0x20000000;
 
@@ -39,7 +40,6 @@ const NAFUNCTION functions[kFunctions] = {
 namespace {
 
 constexpr SI4 kVersion = 30201503;
-constexpr UI4 kZHead = 8;  // length and header word of a block
 constexpr UI4 kIniSize = 100;
 constexpr SI4 kCallStatus = 20;  // first element of the result of a call that reached no command
 constexpr size_t kErrorName = 64;
@@ -49,45 +49,48 @@ std::atomic<bool> Initialized{false};  // an Init has been tried; never taken ba
 PTRANS pTranslations = nullptr;        // head of the list of FindTrans
 
 const NAFUNCTION* FindFunction(PCH10 name) {
+  if (!*name) return nullptr;
+  // All begin alike; the second letter spares most of the comparisons.
   for (const NAFUNCTION& f : functions)
-    if (strcmp(f.name, name) == 0) return &f;
+    if (f.name[1] == name[1] && strcmp(f.name, name) == 0) return &f;
   return nullptr;
 }
 
-/// The argument of a call, null without one. Its header also tells the interpreter's character set.
-SI4 ReadArgument(const UI4* block, PAA* arg) {
-  *arg = nullptr;
-  if (!block) return 0;
-  const UI4 length = ZLength(block);
-  const UI4 header = length < kZHead ? 0 : ZHeaderWord(block);
-  if (!IsZHeader(header)) return ERR_ARCHITECTURE;
-  SetUnicode(header & ARCH_UNICODE);
-  UI4 at = kZHead;
-  return Unpack(reinterpret_cast<PCH10>(block), length, &at, arg);
+/// The result of a command as a block.
+SI4 PackResult(PAA owned, PUI4* result) {
+  if (!owned) return ERR_MEMORY_ALLOC;
+  const SI4 code = VANorm(&owned, Tes2VA, VA2Tes);
+  if (code) {
+    VAFree(owned);
+    return code;
+  }
+  *result = PackZ(owned);
+  return *result ? 0 : ERR_MEMORY_ALLOC;
 }
 
-SI4 Dispatch(ROOTSHARE& share, PCH10 name, PAA arg, PUI4* ppL, PPAA result) {
+SI4 Dispatch(ROOTSHARE& share, PCH10 name, ARGUMENT& arg, PUI4* ppL, PUI4* result) {
   LOG(2, ("One byte Function name %s", name ? name : ""));
   const NAFUNCTION* const f = name ? FindFunction(name) : nullptr;
   if (!f) return ERR_VALUE;
   const bool left = ppL && *ppL;
   if (!arg || left != (f->two != nullptr)) return ERR_DOMAIN;
 
-  VAHOLD made(f->two ? f->two(share, ppL, arg) : f->one(share, arg));
-  if (!made) return ERR_MEMORY_ALLOC;
-  PAA normal = made.Release();
-  const SI4 code = VANorm(&normal, Tes2VA, VA2Tes);
-  made.Reset(normal);
-  if (!code) *result = made.Release();
-  return code;
+  if (f->two) {
+    *result = f->two(share, ppL, arg);
+    return *result ? 0 : ERR_MEMORY_ALLOC;
+  }
+  PAA array = nullptr;
+  const SI4 code = arg.GetArray(&array);
+  return code ? code : PackResult(f->one(share, array), result);
 }
 
-PAA CallStatus(SI4 code) {
-  const UI4 two = 2;
-  VAHOLD status(VANew(VAI4, 1, &two));
-  if (!status || VASetSI4(status.Get(), 0, kCallStatus) || VASetSI4(status.Get(), 1, code))
-    return nullptr;
-  return status.Release();
+/// The result of a call that reached no command.
+PUI4 CallStatus(SI4 code) {
+  const SI4 status[2] = {kCallStatus, code};
+  CH1* data = nullptr;
+  PUI4 const z = VectorZ(VAI4, 2, &data);
+  if (z) memcpy(data, status, sizeof status);
+  return z;
 }
 
 /// Copies a text, cut to a buffer of *size bytes, and leaves its length in *size.
@@ -146,6 +149,11 @@ __attribute__((constructor)) void onLoad() {
 
 __attribute__((destructor)) void onUnload() {
   UnloadRoots();
+  // What waits to be used again would be lost with the library. Each purge leaves what is fresh.
+  for (int i = 0; i < 3; ++i) {
+    BlockPurge();
+    PoolPurge();
+  }
   LOG(1, ("Kyrno Unloaded"));
   RPCUnloadLibrary();
 }
@@ -168,21 +176,21 @@ SI4 Init(PCH10 root, PCH10 loadPath) {
 SI4 Call(PCH10 root, PCH10 command, PUI4* ppR, PUI4* ppL) {
   LOG(1, ("Call %s", command ? command : ""));
   if (!ppR) return ERR_DOMAIN;
-  VAHOLD arg;
-  VAHOLD result;
-  SI4 code = ReadArgument(*ppR, arg.Out());
+  ARGUMENT arg;
+  PUI4 result = nullptr;
+  SI4 code = arg.Read(*ppR);
   {
     ROOTSHARE share;
     if (root && share.Open(root)) {
-      if (!code) code = Dispatch(share, command, arg.Get(), ppL, result.Out());
+      if (!code) code = Dispatch(share, command, arg, ppL, &result);
     } else {
       code = Initialized.load(std::memory_order_acquire) ? ERR_ROOT_NOT_FOUND : ERR_NOT_INITIALIZED;
     }
   }
-  if (!result) result.Reset(CallStatus(code));
-  *ppR = result ? PackZ(result.Release()) : nullptr;
+  if (!result) result = CallStatus(code);
   LOG(2, ("After pack"));
-  return *ppR ? code : ERR_MEMORY_ALLOC;
+  *ppR = result;
+  return result ? code : ERR_MEMORY_ALLOC;
 }
 
 SI4 Call1(PCH10 root, PCH10 command, PUI4* ppR, PUI4* ppL) {
@@ -227,4 +235,4 @@ SI4 KickStart(PCH10 root) {
   return root && share.Open(root) ? share.Object()->Dirty() : ERR_ROOT_NOT_FOUND;
 }
 
-void FreeUsedTessorResult(PVOID z) { free(z); }
+void FreeUsedTessorResult(PVOID z) { BlockFree(z); }

@@ -1,6 +1,7 @@
 // tesnaz.h - the command table behind the exported entry points, which include/kyrno.h declares.
 #pragma once
 
+#include "kyrno/boundary/argument.h"
 #include "kyrno/boundary/roots.h"
 
 // Syntax of a command, in octal as the interpreter knows it.
@@ -13,7 +14,7 @@ inline constexpr UI4 RLEF = 0020;  ///< the left argument is also a result
 inline constexpr UI4 RRIG = 0040;  ///< the right argument is also a result
 
 using COMMAND1 = PAA (*)(ROOTSHARE& share, PAA arg);
-using COMMAND2 = PAA (*)(ROOTSHARE& share, PUI4* ppZ, PAA arg);
+using COMMAND2 = PUI4 (*)(ROOTSHARE& share, PUI4* ppZ, ARGUMENT& arg);
 
 /// One row of the command table; one of the two pointers is set.
 struct NAFUNCTION {

@@ -5,6 +5,7 @@
 
 #include "Apl/vaget.h"
 #include "Apl/vaset.h"
+#include "Apl/zblock.h"
 #include "kyrno/base/error.h"
 
 SI4 ReadText(const VARRAY* arg, UI4 index, TEXT* text) {
@@ -24,6 +25,13 @@ PAA CodeResult(SI4 code) {
   VAHOLD result(VANew(VAI4, 1, &one));
   if (!result || VASetSI4(result.Get(), 0, code)) return nullptr;
   return result.Release();
+}
+
+PUI4 CodeZ(SI4 code) {
+  CH1* data = nullptr;
+  PUI4 const z = VectorZ(VAI4, 1, &data);
+  if (z) memcpy(data, &code, sizeof code);
+  return z;
 }
 
 PAA ValueResult(PAA value) {

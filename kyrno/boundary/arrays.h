@@ -20,6 +20,8 @@ UI4 ItemCount(const VARRAY* arg);
 
 /// A vector of one integer, the code.
 PAA CodeResult(SI4 code);
+/// The same as a block.
+PUI4 CodeZ(SI4 code);
 /// (0, value), which takes the value over; a null value, or too little memory, is (1012).
 PAA ValueResult(PAA value);
 /// A text as a value; null without memory.

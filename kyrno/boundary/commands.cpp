@@ -45,6 +45,17 @@ SI4 Send(PHIERAKI root, PCH1 path, PUI4 z, UI4 size, UI4 flag) {
   return object ? object->SendZ(node, leaf, z, size, flag) : ERR_OBJECT_NOT_FOUND;
 }
 
+/// (0, path).
+PUI4 PathZ(PCH10 path) {
+  const UI4 n = static_cast<UI4>(strlen(path));
+  ZWRITER result(ZWRITER::kNestedBytes + ZWRITER::kIntBytes + ZWRITER::VectorBytes(VAC1, n));
+  if (!result) return CodeZ(ERR_MEMORY_ALLOC);
+  result.Nested(2);
+  result.Int(0);
+  result.Text(path, n);
+  return result.Finish();
+}
+
 SI4 RespondCommand(PHIERAKI node, PCH10 path, PUI4 z, UI4 size, bool complete) {
   PRPCOBJS const above = node->Parent()->Obj();
   SI4 code = 0;
@@ -83,26 +94,26 @@ SI4 CloseObject(ROOTSHARE& share, PCH10 path) {
 
 }  // namespace
 
-PAA ASendZ(ROOTSHARE& share, PUI4* ppZ, PAA arg) {
+PUI4 ASendZ(ROOTSHARE& share, PUI4* ppZ, ARGUMENT& arg) {
   CH1 path[kPathSize + kNameRoom] = {0};
   SI4 flag = 0;
   UI4 size = 0;
-  SI4 code = VAGetCH1(arg, 0, path, kPathSize, VACHAR);
-  if (!code && ItemCount(arg) > 1) code = VAGetSI4(arg, 1, &flag);
+  SI4 code = arg.GetPath(path, kPathSize);
+  if (!code && arg.Count() > 1) code = arg.GetNumber(&flag);
   if (!code) code = CheckZ(*ppZ, &size);
   if (!code) code = Send(share.Root(), path, *ppZ, size, static_cast<UI4>(flag));
-  return code ? CodeResult(code) : ValueResult(TextValue(path));
+  return code ? CodeZ(code) : PathZ(path);
 }
 
-PAA ARespondZ(ROOTSHARE& share, PUI4* ppZ, PAA arg) {
-  TEXT path;
+PUI4 ARespondZ(ROOTSHARE& share, PUI4* ppZ, ARGUMENT& arg) {
+  PATH path;
   SI4 flag = 0;
   UI4 size = 0;
-  SI4 code = ReadText(arg, 0, &path);
-  if (!code) code = VAGetSI4(arg, 1, &flag);
+  SI4 code = arg.GetPath(&path);
+  if (!code) code = arg.GetNumber(&flag);
   if (!code) code = CheckZ(*ppZ, &size);
-  if (!code) code = Respond(share.Root(), path.get(), *ppZ, size, flag);
-  return CodeResult(code);
+  if (!code) code = Respond(share.Root(), path.Get(), *ppZ, size, flag);
+  return CodeZ(code);
 }
 
 PAA AClose(ROOTSHARE& share, PAA arg) {

@@ -227,9 +227,10 @@ SI4 NewClient(WANTED* w, std::unique_ptr<CONNECTION>* client) {
 /// Links an object that works, which the tree then owns.
 template <typename OBJECT>
 SI4 Link(ROOTSHARE& share, PCH10 name, std::unique_ptr<OBJECT> object) {
-  if (!share.Root()->AddNew(name, object.get())) return ERR_NAME_IN_USE;
+  PHIERAKI const node = share.Root()->AddNew(name, object.get());
+  if (!node) return ERR_NAME_IN_USE;
   static_cast<void>(object.release());
-  return share.Object()->Dirty();
+  return share.Object()->Changed(node);
 }
 
 SI4 Server(ROOTSHARE& share, WANTED* w) {

@@ -29,14 +29,29 @@ void SetLoadPath(PCH10 path) TSA(requires_capability(Guard)) {
   for (size_t i = n; i > 1 && cLoadPath[i - 1] != '/'; --i) cLoadPath[i - 1] = 0;
 }
 
-// A fork takes the guard with it, so that the child finds the ring whole. Other locks of the
-// library may be held by threads that don't exist in the child, which therefore makes them anew.
-void BeforeFork() TSA(acquire_capability(Guard)) {
+/// Every root.
+template <typename FN>
+void EachRoot(FN fn) TSA(requires_capability(Guard)) {
+  PHIERAKI const last = pRoots;
+  if (!last) return;
+  PHIERAKI t = last;
+  do {
+    t = t->Next();
+    fn(static_cast<ROOT*>(t->Obj()));
+  } while (t != last);
+}
+
+// A fork takes the guard and the locks of the ready queues with it, so that the child finds the
+// ring and the queues whole. Other locks of the library may be held by threads that don't exist in
+// the child, which therefore makes them anew.
+void BeforeFork() TSA(no_thread_safety_analysis) {
   Guard.Lock();
+  EachRoot([](ROOT* root) TSA(no_thread_safety_analysis) { root->Queue.Lock.Lock(); });
   LOGBeforeFork();
 }
-void InParent() TSA(release_capability(Guard)) {
+void InParent() TSA(no_thread_safety_analysis) {
   LOGAfterFork();
+  EachRoot([](ROOT* root) TSA(no_thread_safety_analysis) { root->Queue.Lock.Unlock(); });
   Guard.Unlock();
 }
 void InChild() TSA(release_capability(Guard)) {

@@ -2,12 +2,14 @@
 //
 // One turn of a wait:
 //
-//   find the node by name -> register on it -> search below it -> deliver what was found
-//                                                     | nothing
-//   step in again <- sleep <- step out, parked  <-----+
+//   find the node by name -> search below it -> deliver what was found
+//                                 | nothing                ^
+//                                 +-> register on it -> search again
+//                                                          | nothing
+//   step in again <- sleep <- step out, parked  <----------+
 //
-// Registering comes before the search, so an object that becomes ready behind the search's back
-// ends the sleep.
+// The second search comes behind the registration, so an object that becomes ready behind the
+// search's back ends the sleep.
 #include "kyrno/boundary/wait.h"
 
 #include <cerrno>
@@ -15,14 +17,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "Apl/vaget.h"
-#include "Apl/vaset.h"
 #include "Apl/zblock.h"
 #include "kyrno/base/error.h"
 #include "kyrno/base/log.h"
 #include "kyrno/boundary/arrays.h"
 #include "kyrno/boundary/ready.h"
 #include "kyrno/modes/server.h"
+#include "util/blockstore.h"
 
 static constexpr UI4 MODULE = 0x00000010;
 
@@ -42,7 +43,7 @@ struct EVENT {
   void Clear() const {
     *objname = 0;
     *word = 0;
-    free(*ppZ);
+    BlockFree(*ppZ);
     *ppZ = nullptr;
   }
 };
@@ -76,18 +77,21 @@ void FailConnection(PHIERAKI found, SI4 code) {
 }
 
 /// Reports a picked object. False when its data was bad: then it goes, and the search goes on.
-bool Deliver(PHIERAKI found, ROOT* root, const EVENT& event) {
+bool Deliver(PHIERAKI found, ROOT* root, F8 now, const EVENT& event) {
   PRPCOBJS const object = found->Obj();
   event.times[0] = object->timeCreate;
   event.times[1] = object->timeReady;
-  event.times[2] = Micros();
+  event.times[2] = now < event.times[1] ? event.times[1] : now;
   OBJSTATE next = SFinished;
   const SI4 code = object->GetWaitReturns(found, event.objname, event.word, &next, event.ppZ);
   const bool good = code == 0 || code == ERR_INVALID_OBJECT;
   PHIERAKI const parent = found->Parent();
   if (good) {
     // The parent first: once this one is out of the way, the parent's own event could be taken.
-    if (object->NextPState == SFinished && parent) parent->Obj()->Finish();
+    if (object->NextPState == SFinished && parent) {
+      parent->Obj()->Finish();
+      root->Mark(parent);
+    }
     object->Unpick(next);
   } else {
     LOG(1, ("Wait %s failed %d", found->GetName(), code));
@@ -95,8 +99,14 @@ bool Deliver(PHIERAKI found, ROOT* root, const EVENT& event) {
     object->Finish();
   }
   // An ended object above could not be taken while this one was on its way.
+  if (parent) root->Queue.Delivered(parent);
   if (parent && HasEnded(parent->Obj()->GetState())) root->Waiters.WakeNearest(parent);
-  root->Dirty();
+  root->Delivered(now);
+  // A connection that was told is to be read at once.
+  if (next == SConnected)
+    root->Changed(found);
+  else
+    root->ChangedInBurst(found, now);
   return good;
 }
 
@@ -128,45 +138,50 @@ SI4 TimedOut(ROOTSHARE& share, PCH10 name, const EVENT& event) {
 }
 
 /// (0, name, event word, times).
-PAA EventResult(PCH10 objname, PCH10 word, const F8* times, UI4 n) {
-  const UI4 four = 4;
-  VAHOLD stamps(VANew(VAF8, 1, &n));
-  VAHOLD result(VANew(VAPntr, 1, &four));
-  if (!stamps || !result) return CodeResult(ERR_MEMORY_ALLOC);
-  memcpy(VAData(stamps.Get()), times, n * sizeof *times);
-  SI4 code = VASetSI4(result.Get(), 0, 0);
-  if (!code) code = VASetCH1(result.Get(), 1, objname, static_cast<UI4>(strlen(objname)), VACHAR);
-  if (!code) code = VASetCH1(result.Get(), 2, word, static_cast<UI4>(strlen(word)), VACHAR);
-  if (!code) code = VASetpAA(result.Get(), 3, stamps.Get());
-  if (code) return CodeResult(code);
-  static_cast<void>(stamps.Release());
-  return result.Release();
+PUI4 EventZ(PCH10 objname, PCH10 word, const F8* times, UI4 n) {
+  const UI4 nameLen = static_cast<UI4>(strlen(objname));
+  const UI4 wordLen = static_cast<UI4>(strlen(word));
+  ZWRITER result(ZWRITER::kNestedBytes + ZWRITER::kIntBytes + ZWRITER::VectorBytes(VAC1, nameLen) +
+                 ZWRITER::VectorBytes(VAC1, wordLen) + ZWRITER::VectorBytes(VAF8, n));
+  if (!result) return CodeZ(ERR_MEMORY_ALLOC);
+  result.Nested(4);
+  result.Int(0);
+  result.Text(objname, nameLen);
+  result.Text(word, wordLen);
+  result.Floats(times, n);
+  return result.Finish();
 }
 
-}  // namespace
-
-SI4 WaitZ1(ROOTSHARE& share, PCH10 name, SI4 timeout, PCH1 objname, PCH1 event, PUI4* ppZ,
-           PF8 times) {
-  const EVENT out{objname, event, ppZ, times};
-  *objname = 0;
-  *event = 0;
-  *ppZ = nullptr;
+/// The wait of a call that came at `start`.
+SI4 WaitFrom(F8 start, ROOTSHARE& share, PCH10 name, SI4 timeout, const EVENT& out) {
+  *out.objname = 0;
+  *out.word = 0;
+  *out.ppZ = nullptr;
   ROOT* const root = share.Object();
-  const F8 start = Micros();
   PFNREADY fn = nullptr;
   WAITER waiter(root->Waiters);
+  F8 now = start;
   for (;;) {
     if (const SI4 ended = root->lErrorObj) return share.IsClosing() ? ERR_OBJECT_NOT_FOUND : ended;
     PHIERAKI const item = share.Root()->FindLeaf(name);
     if (!item || !item->Obj()) return ERR_OBJECT_NOT_FOUND;
     if (item->Obj()->Type == TConnection && IsFifo(item->Parent())) return ERR_FIFOMODE;
-    SI4 code = waiter.AplWaitInit(item);
-    if (code) return code;
     if (!fn) fn = Choose(item, root);
+    root->Waiters.Begin();
+    root->FlushOld(now);
 
+    // A look first: what is there already needs no registration. A forked child looks at nothing:
+    // what is ready is its parent's.
     PHIERAKI found = nullptr;
-    if (fn(item, &found)) {
-      if (Deliver(found, root, out)) {
+    if (root->IsOwnProcess()) fn(item, &found);
+    if (!found) {
+      root->Flush();
+      if (const SI4 code = waiter.AplWaitInit(item)) return code;
+      if (root->IsOwnProcess()) fn(item, &found);
+      now = Micros();
+    }
+    if (found) {
+      if (Deliver(found, root, now, out)) {
         LOG(2, ("Wait %s Success", name));
         return 0;
       }
@@ -175,25 +190,34 @@ SI4 WaitZ1(ROOTSHARE& share, PCH10 name, SI4 timeout, PCH1 objname, PCH1 event, 
     }
     // A node that was unlinked before the registration wakes nobody.
     if (share.Root()->FindLeaf(name) != item) continue;
-    code = Sleep(share, &waiter, TimeLeft(timeout, start));
+    const SI4 code = Sleep(share, &waiter, TimeLeft(timeout, start));
     if (code == TIMEOUT) return TimedOut(share, name, out);
     if (code) return code;
+    now = Micros();
   }
 }
 
-PAA AWaitZ(ROOTSHARE& share, PUI4* ppZ, PAA arg) {
+}  // namespace
+
+SI4 WaitZ1(ROOTSHARE& share, PCH10 name, SI4 timeout, PCH1 objname, PCH1 event, PUI4* ppZ,
+           PF8 times) {
+  return WaitFrom(Micros(), share, name, timeout, {objname, event, ppZ, times});
+}
+
+PUI4 AWaitZ(ROOTSHARE& share, PUI4* ppZ, ARGUMENT& arg) {
   F8 times[kTimes + 1] = {};
   times[kTimes] = Micros();
   *ppZ = nullptr;
-  TEXT name;
+  PATH name;
   SI4 timeout = 0;
-  SI4 code = ReadText(arg, 0, &name);
-  if (!code) code = VAGetSI4(arg, 1, &timeout);
+  SI4 code = arg.GetPath(&name);
+  if (!code) code = arg.GetNumber(&timeout);
 
-  CH1 objname[kFullNameSize + 1] = {0};
-  CH1 event[kEventSize] = {0};
-  if (!code) code = WaitZ1(share, name.get(), timeout, objname, event, ppZ, times);
-  PAA const result = code ? CodeResult(code) : EventResult(objname, event, times, kTimes + 1);
+  CH1 objname[kFullNameSize + 1];
+  CH1 event[kEventSize];
+  if (!code)
+    code = WaitFrom(times[kTimes], share, name.Get(), timeout, {objname, event, ppZ, times});
+  PUI4 const result = code ? CodeZ(code) : EventZ(objname, event, times, kTimes + 1);
   if (!*ppZ) *ppZ = ScalarZ(0);
   return result;
 }

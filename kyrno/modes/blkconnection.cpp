@@ -3,7 +3,6 @@
 
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -13,6 +12,7 @@
 #include "kyrno/modes/message.h"
 #include "kyrno/net/bufferfile.h"
 #include "sys/linux/fdhold.h"
+#include "util/itoa.h"
 #include "util/wire.h"
 
 static constexpr UI4 MODULE = 0x00000080;
@@ -34,11 +34,11 @@ BLKCONNECTION::BLKCONNECTION(UI4 magic, UI4 maxBlockSize, OBJMODE mode, PRPCSOCK
 }
 
 void BLKCONNECTION::Begin(OBJMODE mode) {
-  AssumeWorkThread();  // nobody else knows the object yet
   Mode = mode;
-  pHeader = new (std::nothrow) BUFFER(Magic ? 2 * kWord : kWord);
-  if (!pHeader || pHeader->lError) lErrorObj = ERR_MEMORY_ALLOC;
+  headSize = Magic ? 2 * kWord : kWord;
 }
+
+PBUFFER BLKCONNECTION::NewHeader() { return new (std::nothrow) BUFFER(headSize); }
 
 SI4 BLKCONNECTION::ComposeBuffer(PUI1 data, UI4 n, int file, PBUFFER* out) {
   *out = nullptr;
@@ -88,17 +88,21 @@ SI4 BLKCONNECTION::HeaderComplete(PFDSETS sets, PHIERAKI item) {
   if (length > MaxBlockSize) return ERR_MAX_BLOCK_SIZE;
   if (length < head) return ERR_WRONG_MAGIC;
 
-  std::unique_ptr<BUFFER> body(new (std::nothrow) BUFFER(length - head));
+  // Text comes straight into the block that the application gets.
+  const BLOCKPLACE place = Mode == MBlkAscii ? PlaceInZ(length - head) : BLOCKPLACE{0, 0, 0};
+  std::unique_ptr<BUFFER> body(new (std::nothrow) BUFFER(place, length - head));
   if (!body || body->lError) return ERR_MEMORY_ALLOC;
   const bool empty = body->Complete();
-  std::unique_ptr<MESSAGE> message(new (std::nothrow) MESSAGE(body.get(), SReceiving));
+  std::unique_ptr<MESSAGE> message(new (std::nothrow) MESSAGE(body.get(), SReceiving, sets->now));
   if (!message) return ERR_MEMORY_ALLOC;
   (void)body.release();
   message->Mode = OBJMODE{Mode};
   CH1 name[kMaxName];
-  snprintf(name, sizeof name, "Blk%08u", Count++);
+  NumberedName(name, "Blk", Count++);
   PHIERAKI const child = item->AddNew(name, message.get());
   if (!child) return ERR_NAME_IN_USE;
-  (void)message.release();
-  return empty ? ReadComplete(sets, child) : 0;
+  PBUFFER const buffer = message.release()->GetBuffer();
+  if (empty) return ReadComplete(sets, child);
+  Receive(child, buffer);
+  return 0;
 }

@@ -15,6 +15,7 @@ class BLKCONNECTION : public CONNECTION {
 
   using CONNECTION::ComposeBuffer;
   [[nodiscard]] SI4 ComposeBuffer(PUI1 data, UI4 n, int file, PBUFFER* out) override;
+  PBUFFER NewHeader() override WORK_ONLY;
   SI4 HeaderComplete(PFDSETS sets, PHIERAKI item) override WORK_ONLY;
 
  protected:
@@ -27,5 +28,6 @@ class BLKCONNECTION : public CONNECTION {
 
   WORD<UI4> Magic;
   const UI4 MaxBlockSize;   // of a whole block
+  UI4 headSize = 0;         // constant; of a header that is received
   UI4 Count WORK_DATA = 0;  // names of blocks
 };

@@ -22,10 +22,7 @@ CMDCONNECTION::CMDCONNECTION() { Begin(); }
 CMDCONNECTION::CMDCONNECTION(PRPCSOCK socket) : CONNECTION(socket) { Begin(); }
 
 void CMDCONNECTION::Begin() {
-  AssumeWorkThread();  // nobody else knows the object yet
   Mode = MCommand;
-  pHeader = new (std::nothrow) BUFFER(kIpMsgSize);
-  if (!pHeader || pHeader->lError) lErrorObj = ERR_MEMORY_ALLOC;
   if (KyrnosslLoaded() && CompLevel != 0) Features.store(FCompLocal, std::memory_order_release);
 }
 
@@ -42,8 +39,9 @@ SI4 CMDCONNECTION::SendZ(PHIERAKI item, PCH1 name, PUI4 z, UI4 size, UI4 flag) {
   if (!*name) leaf = CompleteName(name);
 
   const MSGTYPE type = flag == 2 ? IPMCommandNoAnswer : IPMCommand;
+  LENTBUFFER* lent = nullptr;
   PBUFFER const message =
-      IPmsg(type, leaf, "", z, size, Features.load(std::memory_order_acquire), CompLevel);
+      IPmsg(type, leaf, "", z, size, Features.load(std::memory_order_acquire), CompLevel, &lent);
   if (!message) return ERR_MEMORY_ALLOC;
   COMMAND* const command = new (std::nothrow) COMMAND(message);
   if (!command) {
@@ -52,7 +50,7 @@ SI4 CMDCONNECTION::SendZ(PHIERAKI item, PCH1 name, PUI4 z, UI4 size, UI4 flag) {
   }
   command->NextState = flag == 0 ? SProcessing : flag == 3 ? SSent : SFinished;
   if (flag == 1) command->NextPState = SShutdown;
-  return Queue(item, leaf, command);
+  return Queue(item, leaf, command, lent);
 }
 
 SI4 CMDCONNECTION::Respond(PHIERAKI node, PCH10 name, PUI4 z, UI4 size, bool complete) {
@@ -63,10 +61,13 @@ SI4 CMDCONNECTION::Respond(PHIERAKI node, PCH10 name, PUI4 z, UI4 size, bool com
   const UI4 features = Features.load(std::memory_order_acquire);
 
   if (complete) {
-    PBUFFER const message = IPmsg(IPMAnswer, name, "", z, size, features, CompLevel);
+    LENTBUFFER* lent = nullptr;
+    PBUFFER const message = IPmsg(IPMAnswer, name, "", z, size, features, CompLevel, &lent);
     if (!message) return ERR_MEMORY_ALLOC;
-    const SI4 code = command->Answer(message);
-    return code ? code : RootOf(node)->Dirty();
+    if (const SI4 code = command->Answer(message)) return code;
+    const SI4 code = RootOf(node)->ChangedInBurst(node);
+    if (lent) lent->Own();
+    return code;
   }
 
   CH1 report[kMaxName];
@@ -76,12 +77,15 @@ SI4 CMDCONNECTION::Respond(PHIERAKI node, PCH10 name, PUI4 z, UI4 size, bool com
   std::unique_ptr<MESSAGE> child(new (std::nothrow) MESSAGE(message.get(), SReadyToSend));
   if (!child) return ERR_MEMORY_ALLOC;
   message.release();
-  if (!node->AddNew(report, child.get())) return ERR_NAME_IN_USE;
+  PHIERAKI const added = node->AddNew(report, child.get());
+  if (!added) return node->IsLinked() ? ERR_NAME_IN_USE : ERR_CLOSED;
   child.release();
-  return RootOf(node)->Dirty();
+  return RootOf(node)->ChangedInBurst(added);
 }
 
 // ---- the turn
+
+PBUFFER CMDCONNECTION::NewHeader() { return new (std::nothrow) BUFFER(kIpMsgSize); }
 
 SI4 CMDCONNECTION::HeaderRecv(PFDSETS, PHIERAKI) {
   const UI4 n = pHeader->SizeProcessed();
@@ -107,40 +111,35 @@ SI4 CMDCONNECTION::HeaderComplete(PFDSETS sets, PHIERAKI item) {
     return 0;
   }
 
-  PBUFFER const body = new (std::nothrow) BUFFER(header.Length);
-  if (!body || body->lError) {
-    delete body;
-    return ERR_MEMORY_ALLOC;
-  }
-  body->Append(pHeader->Start(), kIpMsgSize);
-
   PHIERAKI child = nullptr;
   SI4 code = 0;
   switch (header.MessageType) {
     case IPMMessage:
-      code = BeginProgress(item, header, body, &child);
+      code = BeginProgress(item, header, sets->now, &child);
       break;
     case IPMAnswer:
     case IPMAnswerComp:
-      code = BeginAnswer(item, header, body, &child);
+      code = BeginAnswer(item, header, sets->now, &child);
       break;
     default:
-      code = BeginCommand(item, header, body, &child);
+      code = BeginCommand(item, header, sets->now, &child);
   }
+  if (code) return code;
+  PBUFFER const body = child->Obj()->GetBuffer();
   // Without a payload there is nothing to wait for.
-  if (code == 0 && body->Complete()) code = ReadComplete(sets, child);
-  return code;
+  if (body->Complete()) return ReadComplete(sets, child);
+  Receive(child, body);
+  return 0;
 }
 
-SI4 CMDCONNECTION::BeginCommand(PHIERAKI item, const IPMSG& header, PBUFFER body, PHIERAKI* child) {
-  std::unique_ptr<BUFFER> owned(body);
-  // A dot would make it a path, and a name in use would make two commands one.
-  if (strchr(header.Name, '.') || item->FindChild(header.Name, strlen(header.Name)))
+SI4 CMDCONNECTION::BeginCommand(PHIERAKI item, const IPMSG& header, F8 now, PHIERAKI* child) {
+  // A dot would make it a path, and a name in use would make two commands one: of the longest names
+  // AddNew doesn't see to that.
+  const size_t len = strlen(header.Name);
+  if (memchr(header.Name, '.', len) || (len == kMaxName && item->FindChild(header.Name, len)))
     return ERR_UNKNOWN_ANSWER;
-  std::unique_ptr<COMMAND> command(new (std::nothrow)
-                                       COMMAND(body, header.MessageType == IPMCommandComp));
-  if (!command) return ERR_MEMORY_ALLOC;
-  owned.release();
+  std::unique_ptr<COMMAND> command(new (std::nothrow) COMMAND(header, now));
+  if (!command || command->lErrorObj) return ERR_MEMORY_ALLOC;
   command->NextState = header.MessageType == IPMCommandNoAnswer ? SFinished : SProcessing;
   *child = item->AddNew(header.Name, command.get());
   if (!*child) return ERR_UNKNOWN_ANSWER;
@@ -148,34 +147,30 @@ SI4 CMDCONNECTION::BeginCommand(PHIERAKI item, const IPMSG& header, PBUFFER body
   return 0;
 }
 
-SI4 CMDCONNECTION::BeginProgress(PHIERAKI item, const IPMSG& header, PBUFFER body,
-                                 PHIERAKI* child) {
-  std::unique_ptr<BUFFER> owned(body);
+SI4 CMDCONNECTION::BeginProgress(PHIERAKI item, const IPMSG& header, F8 now, PHIERAKI* child) {
   PHIERAKI const command = item->FindChild(header.Name, strlen(header.Name));
   if (!command || command->Obj()->Type != TCommand || strchr(header.Subname, '.'))
     return ERR_UNKNOWN_ANSWER;
-  std::unique_ptr<PROGRESS> progress(new (std::nothrow) PROGRESS(body, SReceiving));
+  std::unique_ptr<BUFFER> body(new (std::nothrow) BUFFER(kBodyPlace, header.Length));
+  if (!body || body->lError) return ERR_MEMORY_ALLOC;
+  std::unique_ptr<PROGRESS> progress(new (std::nothrow) PROGRESS(body.get(), SReceiving, now));
   if (!progress) return ERR_MEMORY_ALLOC;
-  owned.release();
+  body.release();
   *child = command->AddNew(header.Subname, progress.get());
   if (!*child) return ERR_UNKNOWN_ANSWER;
   progress.release();
   return 0;
 }
 
-SI4 CMDCONNECTION::BeginAnswer(PHIERAKI item, const IPMSG& header, PBUFFER body, PHIERAKI* child) {
+SI4 CMDCONNECTION::BeginAnswer(PHIERAKI item, const IPMSG& header, F8 now, PHIERAKI* child) {
   PHIERAKI const command = item->FindChild(header.Name, strlen(header.Name));
-  if (!command || command->Obj()->Type != TCommand) {
-    delete body;
-    return ERR_UNKNOWN_ANSWER;
-  }
+  if (!command || command->Obj()->Type != TCommand) return ERR_UNKNOWN_ANSWER;
   *child = command;
-  return static_cast<COMMAND*>(command->Obj())
-      ->BeginAnswer(body, header.MessageType == IPMAnswerComp);
+  return static_cast<COMMAND*>(command->Obj())->BeginAnswer(header, now);
 }
 
 SI4 CMDCONNECTION::ReadComplete(PFDSETS sets, PHIERAKI child) {
   if (child->Obj()->Type != TCommand) return CONNECTION::ReadComplete(sets, child);
-  static_cast<COMMAND*>(child->Obj())->Received(child);
+  static_cast<COMMAND*>(child->Obj())->Received(child, sets->now);
   return 0;
 }

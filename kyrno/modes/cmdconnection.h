@@ -14,15 +14,16 @@ class CMDCONNECTION : public CONNECTION {
   /// Answers the command at node: the final answer, or a progress report.
   [[nodiscard]] SI4 Respond(PHIERAKI node, PCH10 name, PUI4 z, UI4 size, bool complete);
 
+  PBUFFER NewHeader() override WORK_ONLY;
   SI4 HeaderRecv(PFDSETS sets, PHIERAKI item) override WORK_ONLY;
   SI4 HeaderComplete(PFDSETS sets, PHIERAKI item) override WORK_ONLY;
   SI4 ReadComplete(PFDSETS sets, PHIERAKI child) override WORK_ONLY;
 
  private:
   void Begin();
-  SI4 BeginCommand(PHIERAKI item, const IPMSG& header, PBUFFER body, PHIERAKI* child) WORK_ONLY;
-  SI4 BeginProgress(PHIERAKI item, const IPMSG& header, PBUFFER body, PHIERAKI* child) WORK_ONLY;
-  SI4 BeginAnswer(PHIERAKI item, const IPMSG& header, PBUFFER body, PHIERAKI* child) WORK_ONLY;
+  SI4 BeginCommand(PHIERAKI item, const IPMSG& header, F8 now, PHIERAKI* child) WORK_ONLY;
+  SI4 BeginProgress(PHIERAKI item, const IPMSG& header, F8 now, PHIERAKI* child) WORK_ONLY;
+  SI4 BeginAnswer(PHIERAKI item, const IPMSG& header, F8 now, PHIERAKI* child) WORK_ONLY;
 
   /// CMDFEAT bits: the sender's side reads them, the work thread adds FCompPeer.
   std::atomic<UI4> Features{FNothing};

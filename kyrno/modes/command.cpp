@@ -12,6 +12,7 @@
 #include "kyrno/base/kyrnossl.h"
 #include "kyrno/base/log.h"
 #include "kyrno/modes/connection.h"
+#include "util/blockstore.h"
 #include "util/wire.h"
 
 static constexpr UI4 MODULE = 0x00000080;
@@ -25,26 +26,31 @@ constexpr UI4 kAtSecurity = 16;
 constexpr UI4 kAtFeatures = 47;
 constexpr UI4 kAtName = 48;
 constexpr UI4 kAtSubname = 80;
+constexpr UI4 kAtUnused = 112;
 
 constexpr UI4 kCompHead = 4;          // the uncompressed length ahead of the stream
 constexpr UI4 kWorthIt = 1025;        // bytes of a message from which on it may be compressed
 constexpr int kLevel = 6;             // whatever CompLevel says: that only switches it on
+constexpr UI4 kLentBytes = 32768;     // from here on a copy costs more than the care for it
 constexpr UI4 kFirstPiece = 1 << 20;  // of an inflated payload; it grows as the stream yields
 
 /// A field of 32 bytes as text, without the blanks behind it.
 void GetName(const CH1* field, PCH1 name) {
+  static constexpr CH1 blanks[] = "        ";
+  constexpr UI4 eight = sizeof blanks - 1;
   UI4 n = MAXNAMELENGTH;
+  while (n >= eight && memcmp(field + n - eight, blanks, eight) == 0) n -= eight;
   while (n > 0 && field[n - 1] == ' ') --n;
   memcpy(name, field, n);
   name[n] = 0;
 }
 
 void PutHeader(PCH1 p, UI4 length, MSGTYPE type, PCH10 name, PCH10 subname, UI4 features) {
-  memset(p, 0, kIpMsgSize);
   PutUI4(p, length);
   PutUI4(p + kAtType, type);
   memcpy(p + kAtMagic, MAGIC, kMagicSize);
   memset(p + kAtSecurity, ' ', 3 * MAXNAMELENGTH);
+  memset(p + kAtUnused, 0, kIpMsgSize - kAtUnused);
   p[kAtFeatures] = static_cast<CH1>(features);
   memcpy(p + kAtName, name, strnlen(name, MAXNAMELENGTH));
   memcpy(p + kAtSubname, subname, strnlen(subname, MAXNAMELENGTH));
@@ -101,7 +107,7 @@ SI4 Inflate(const CH1* payload, UI4 n, PUI4* ppZ) {
       }
       const UI4 grown = held ? (held > claimed / 2 ? claimed : held * 2)
                              : (claimed < kFirstPiece ? claimed : kFirstPiece);
-      PCH1 const larger = static_cast<PCH1>(realloc(out, grown ? grown : 1));
+      PCH1 const larger = static_cast<PCH1>(BlockResize(out, grown ? grown : 1));
       if (!larger) {
         code = ERR_MEMORY_ALLOC;
         break;
@@ -120,7 +126,7 @@ SI4 Inflate(const CH1* payload, UI4 n, PUI4* ppZ) {
   if (code == 0) {
     *ppZ = reinterpret_cast<PUI4>(out);
   } else {
-    free(out);
+    BlockFree(out);
   }
   return code;
 }
@@ -138,7 +144,8 @@ SI4 ReadIpMsg(const CH1* bytes, IPMSG* header) {
 }
 
 PBUFFER IPmsg(MSGTYPE type, PCH10 name, PCH10 subname, const UI4* data, UI4 length, UI4 features,
-              UI4 compLevel) {
+              UI4 compLevel, LENTBUFFER** lent) {
+  if (lent) *lent = nullptr;
   if (length > UINT32_MAX - kIpMsgSize) return nullptr;
   const UI4 total = length + kIpMsgSize;
   const UI4 both = FCompLocal | FCompPeer;
@@ -146,32 +153,38 @@ PBUFFER IPmsg(MSGTYPE type, PCH10 name, PCH10 subname, const UI4* data, UI4 leng
       (type == IPMCommand || type == IPMAnswer))
     if (PBUFFER const small = Compressed(type, name, subname, data, length, features)) return small;
 
-  std::unique_ptr<BUFFER> buffer(new (std::nothrow) BUFFER(total));
-  if (!buffer || buffer->lError || buffer->Reserve(total)) return nullptr;
+  if (lent && length >= kLentBytes) {
+    CH1 header[kIpMsgSize];
+    PutHeader(header, total, type, name, subname, features);
+    std::unique_ptr<LENTBUFFER> large(
+        new (std::nothrow) LENTBUFFER(header, kIpMsgSize, reinterpret_cast<PCH10>(data), length));
+    if (!large || large->lError) return nullptr;
+    return *lent = large.release();
+  }
+
+  PBUFFER const buffer = BUFFER::NewWhole(total);
+  if (!buffer) return nullptr;
   PutHeader(buffer->Start(), total, type, name, subname, features);
   memcpy(buffer->Start() + kIpMsgSize, data, length);
-  return buffer.release();
+  return buffer;
 }
 
 SI4 TakeZ(PBUFFER message, bool compressed, PUI4* ppZ) {
   *ppZ = nullptr;
-  message->Rewind();
-  const UI4 n = message->Remaining() - kIpMsgSize;
-  const CH1* const payload = message->Start() + kIpMsgSize;
-
+  const UI4 n = message->TotalSize() - kIpMsgSize;
   UI4 size = n;
   PUI4 z = nullptr;
   if (compressed) {
+    const CH1* const payload = message->Block();
     const SI4 code = Inflate(payload, n, &z);
     if (code) return code;
     size = GetUI4(payload);
   } else if (n >= 8) {
-    z = static_cast<PUI4>(malloc(n));
+    z = reinterpret_cast<PUI4>(message->ReleaseBlock());
     if (!z) return ERR_MEMORY_ALLOC;
-    memcpy(z, payload, n);
   }
   if (!z || size < 8 || GetUI4(z) != size) {
-    free(z);
+    BlockFree(z);
     return ERR_ARCHITECTURE;
   }
   *ppZ = z;
@@ -182,14 +195,14 @@ COMMAND::COMMAND(PBUFFER send) : RPCOBJS(TCommand), isLocal(true), pSend(send) {
   SetState(SReadyToSend);
 }
 
-COMMAND::COMMAND(PBUFFER receive, bool isCompressed)
-    : RPCOBJS(TCommand), isLocal(false), pRecv(receive), Compressed(isCompressed), receiving(true) {
+COMMAND::COMMAND(const IPMSG& header, F8 now) : RPCOBJS(TCommand, now), isLocal(false) {
+  AssumeWorkThread();
+  lErrorObj = Open(header);
   SetState(SReceiving);
 }
 
 COMMAND::~COMMAND() {
   LOG(2, ("Deleting Command"));
-  delete pRecv.load(std::memory_order_acquire);
   delete pSend.load(std::memory_order_acquire);
 }
 
@@ -207,27 +220,13 @@ SI4 COMMAND::GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* n
 
 SI4 COMMAND::Check(PFDSETS sets) {
   PHIERAKI const item = sets->pItem;
+  CONNECTION* const connection = CONNECTION::Above(item);
   // The answer was complete while the command was with the application.
-  if (received) Received(item);
-  if (sets->fConnectionClosed) {
-    ConnectionEnded(item);
-    return 0;
-  }
-  switch (GetState()) {
-    case SReadyToSend:
-      if (sets->phWrite) break;
-      [[fallthrough]];
-    case SSending:
-      sets->phWrite = item;
-      sets->pWrite = pSend.load(std::memory_order_acquire);
-      break;
-    default:
-      break;
-  }
-  if (receiving) {
-    sets->phRead = item;
-    sets->pRead = GetBuffer();
-  }
+  if (received) Received(item, Micros());
+  if (connection->HasEnded())
+    connection->AskAgain(item);
+  else if (GetState() == SReadyToSend)
+    connection->Send(item);
   return 0;
 }
 
@@ -239,27 +238,35 @@ SI4 COMMAND::Answer(PBUFFER message) {
   return Settle(SProcessing, SReadyToSend) ? 0 : ERR_STATE;
 }
 
-SI4 COMMAND::BeginAnswer(PBUFFER receive, bool isCompressed) {
-  std::unique_ptr<BUFFER> owned(receive);
+SI4 COMMAND::Open(const IPMSG& header) {
+  body.emplace(kBodyPlace, header.Length);
+  if (body->lError) return ERR_MEMORY_ALLOC;
+  const bool isCompressed =
+      header.MessageType == IPMCommandComp || header.MessageType == IPMAnswerComp;
+  Compressed.store(isCompressed, std::memory_order_release);
+  pRecv.store(&*body, std::memory_order_release);
+  receiving = true;
+  return 0;
+}
+
+SI4 COMMAND::BeginAnswer(const IPMSG& header, F8 now) {
   const OBJSTATE state = GetState();
   const bool waits = state == SProcessing || state == SSent;
   if (!isLocal || !waits || GetBuffer()) return ERR_UNKNOWN_ANSWER;
-  Compressed.store(isCompressed, std::memory_order_release);
-  pRecv.store(owned.release(), std::memory_order_release);
-  receiving = true;
-  timeCreate = Micros();
+  if (const SI4 code = Open(header)) return code;
+  timeCreate = now;
   Move(SProcessing, SReceiving);
   return 0;
 }
 
-void COMMAND::Received(PHIERAKI item) {
+void COMMAND::Received(PHIERAKI item, F8 now) {
   receiving = false;
   for (const OBJSTATE from : {SReceiving, SProcessing}) {
     if (!Seize(from)) continue;
     received = false;
     // A command that came in keeps what its message type said; an answer ends the command.
     if (isLocal) NextState = SFinished;
-    SettleReady(item, from, SAPL);
+    SettleReady(item, from, SAPL, now);
     return;
   }
   // "Sent" has to be delivered first. Delivering it wakes the work thread, which looks again.
@@ -269,7 +276,7 @@ void COMMAND::Received(PHIERAKI item) {
 
 bool COMMAND::ConnectionEnded(PHIERAKI item) {
   receiving = false;
-  if (received) Received(item);
+  if (received) Received(item, Micros());
   if (received) return false;
   for (const OBJSTATE from : {SReadyToSend, SSending, SProcessing, SReadyToRecv, SReceiving}) {
     if (!Seize(from)) continue;
@@ -287,9 +294,11 @@ bool COMMAND::ConnectionEnded(PHIERAKI item) {
 }
 
 bool COMMAND::Abandon(PHIERAKI item) {
-  bool sending = false;
+  CONNECTION* const connection = CONNECTION::Above(item);
+  bool sending = connection->IsHalfSent(item);
   item->WalkSub([&](PHIERAKI report) {
-    if (report->Obj()->GetState() == SSending) sending = true;
+    AssumeWorkThread();
+    if (connection->IsHalfSent(report)) sending = true;
   });
   if (sending) return false;
 
@@ -297,7 +306,14 @@ bool COMMAND::Abandon(PHIERAKI item) {
     AssumeWorkThread();
     report->Obj()->Abandon(report);
   });
-  if (receiving) CONNECTION::Above(item)->SkipBytes(GetBuffer()->Remaining());
+  if (receiving && connection->IsReceiving(item)) connection->SkipBytes(GetBuffer()->Remaining());
   receiving = false;
   return true;
+}
+
+void COMMAND::Leave(PHIERAKI item) { CONNECTION::Above(item)->Forget(item); }
+
+bool COMMAND::IsSettled(PHIERAKI item) {
+  if (received && GetState() == SProcessing && !IsSeized()) return false;
+  return GetState() != SReadyToSend || isOut || !CONNECTION::Above(item)->IsOpen();
 }

@@ -3,13 +3,17 @@
 // It knows no wire format. It owns one socket and one framing buffer, and moves bytes between the
 // socket and whichever child wants them; the modes override the phase operations.
 //
-//   select says readable ---> a child in SReceiving has claimed the socket?
-//                               yes: into its buffer      ReadRecv, ReadComplete
-//                               no:  into pHeader         HeaderRecv, HeaderComplete
-//   select says writable ---> out of the claiming child   WriteSend, WriteComplete
+//   readable ---> read ahead, as far as the framing allows, and fed piece by piece to
+//                   a relay, once nothing else receives      RELAY::Forward
+//                   the child in SReceiving                  ReadRecv, ReadComplete
+//                   pHeader                                  HeaderRecv, HeaderComplete
+//   something to send ---> gathered from the children in the order of the tree, a command's
+//                   progress before the command; one write takes as many as fit into
+//                   BufferBlkSize                            WriteSend, WriteComplete
 //
-// The messages in flight are the children in the tree; the tree is the queue. The first child in
-// SReadyToSend gets the socket next, one in SSending keeps it until it is through.
+// The messages in flight are the children in the tree; the tree is the queue. The list pOut holds
+// those which are to be sent: who queues one touches it, and Check puts it there. A child that is
+// half sent is always the first and the only one in SSending.
 //
 // States, stored by W, the work thread, or A, an interpreter thread:
 //
@@ -31,12 +35,15 @@
 //   SSocketClosed  drained or 60 s, ActiveClose   SFinished      W
 //
 // When the peer closes or something fails, every command that still waits for its answer is told
-// first. One that an interpreter thread has in its hands just now is told at the next turn, so the
-// connection stays in SConnected, without a stream, until all have been told (EndTo).
+// first. One that an interpreter thread has in its hands just now is told when it is given back, so
+// the connection stays in SConnected, without a stream, until all have been told (EndTo).
 #pragma once
 
+#include "kyrno/net/lentbuffer.h"
 #include "kyrno/tree/rpcobjs.h"
 
+/// Units that may wait on a connection before relays that send there are held back.
+inline constexpr UI4 kMostQueued = 16;
 inline constexpr F8 kDrainMicros = 60e6;      // how long a closed connection waits for its peer
 inline constexpr F8 kHandshakeMicros = 60e6;  // how long a peer may take to shake hands
 
@@ -60,10 +67,15 @@ class CONNECTION : public RPCOBJS {
   void ChildFailed(PHIERAKI item, SI4 code) override;
   void CloseAfterFork() override;
   TPOOSFN Callback() override { return pOOSfn; }
+  bool ClosesSilently() const override { return ActiveClose > 0; }
 
-  SI4 Setinfo(PFDSETS sets) override WORK_ONLY;
-  SI4 Check(PFDSETS sets) override WORK_ONLY;
   SI4 Execute(PFDSETS sets) override WORK_ONLY;
+  SI4 Check(PFDSETS sets) override WORK_ONLY;
+  void Leave(PHIERAKI item) override WORK_ONLY;
+  /// From another connection, which has not ended: its stream, with what was read ahead and what is
+  /// to be sent.
+  void TakeOver(RPCOBJS* from) override WORK_ONLY;
+  bool IsSettled(PHIERAKI item) override WORK_ONLY;
 
   // --- phases; a code other than 0 ends the connection with it
   /// More of the header is in, but it is not full.
@@ -80,10 +92,33 @@ class CONNECTION : public RPCOBJS {
   /// The peer has closed: what it leaves behind becomes units, before the connection ends.
   virtual SI4 PassiveClose(PFDSETS sets, PHIERAKI item) WORK_ONLY;
 
+  // --- for the objects below
   /// The connection to which a node below it belongs.
   static CONNECTION* Above(PHIERAKI item);
+  /// A child in SReadyToSend takes its place among what is to be sent.
+  void Send(PHIERAKI child) WORK_ONLY;
+  /// A child receives what comes next.
+  void Receive(PHIERAKI child, PBUFFER buffer) WORK_ONLY;
+  /// A relay takes all that comes, once nothing receives any more.
+  void SetRelay(PHIERAKI relay) WORK_ONLY { phRelay = relay; }
+  /// A child goes, or is told anew that the stream has ended: forgets what it has noted of it.
+  void Forget(PHIERAKI child) WORK_ONLY;
+  /// The stream has ended; a child that could not be told yet is asked again.
+  void AskAgain(PHIERAKI child) WORK_ONLY;
+  bool HasEnded() const WORK_ONLY { return EndTo != SDoNotChange; }
+  bool IsReceiving(PHIERAKI child) const WORK_ONLY { return child == phRead; }
+  /// Part of this child is out.
+  bool IsHalfSent(PHIERAKI child) const WORK_ONLY;
   /// n bytes of the stream belong to nobody any more: they are read and dropped.
   void SkipBytes(UI4 n) WORK_ONLY { Skip += n; }
+  /// Children that wait to be sent.
+  UI4 CountOut() const WORK_ONLY { return cntOut; }
+  /// A relay is held back until fewer wait here; it is touched then.
+  void Hold(PHIERAKI relay) WORK_ONLY;
+  void Unhold(PHIERAKI relay) WORK_ONLY;
+
+  /// Bytes that were read for `item`, whatever object it has by now: to whom they belong.
+  [[nodiscard]] static SI4 Feed(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n) WORK_ONLY;
   /// Connected, and the stream has not ended: what is queued now can still go out. Any thread.
   bool IsOpen() const {
     return GetState() == SConnected && !streamEnded.load(std::memory_order_acquire);
@@ -97,43 +132,61 @@ class CONNECTION : public RPCOBJS {
   /// Writes the next generated name, ".Auto00000000", of less than kMaxName characters. The result
   /// is the part behind the point.
   PCH10 CompleteName(PCH1 name);
-  /// Links the child, which it owns, under item and wakes the work thread. 1009, or 1119 when the
-  /// connection has ended meanwhile.
-  [[nodiscard]] SI4 Queue(PHIERAKI item, PCH10 leaf, RPCOBJS* child);
+  /// Links the child, which it owns, under item and has it sent. 1009, or 1119 when the connection
+  /// has ended meanwhile. What the child's message has been lent is the caller's again.
+  [[nodiscard]] SI4 Queue(PHIERAKI item, PCH10 leaf, RPCOBJS* child, LENTBUFFER* lent = nullptr);
   /// The magic of the block modes.
   virtual UI4 GetMagic() { return 0; }
   virtual void SetMagic(UI4) {}
+  /// Whether bytes may be read before it is known to whom they belong. A stream without framing
+  /// reads into pHeader alone.
+  virtual bool ReadsAhead() const { return true; }
+  /// A framing buffer of the mode's size; null without memory. Made when the first bytes come.
+  virtual PBUFFER NewHeader() WORK_ONLY { return nullptr; }
 
-  PBUFFER pHeader WORK_DATA = nullptr;  // owned; null until the mode has made its own
-  PRPCSOCK pCon = nullptr;              // owned; constant once the object is linked
+  PBUFFER pHeader WORK_DATA = nullptr;  // owned; null until bytes have come
+  PRPCSOCK pCon = nullptr;              // constant once the object is linked
 
  private:
   bool ReportInstead(PHIERAKI item, SI4 code);
-  void TakeClaims(PFDSETS sets) WORK_ONLY;
-  void ClaimAnew(PFDSETS sets, PHIERAKI item) WORK_ONLY;
+  bool Reads() const WORK_ONLY;
+  void CheckClosing(PFDSETS sets, PHIERAKI item) WORK_ONLY;
   void EndStream(PHIERAKI item, OBJSTATE to, SI4 code) WORK_ONLY;
   void TryEnd(PHIERAKI item) WORK_ONLY;
   void Handshake(PHIERAKI item) WORK_ONLY;
   SI4 ReadSome(PFDSETS sets, PHIERAKI item) WORK_ONLY;
-  SI4 ReadChild(PFDSETS sets, PHIERAKI item) WORK_ONLY;
-  SI4 ReadHeader(PFDSETS sets, PHIERAKI item) WORK_ONLY;
-  SI4 ReadSkipped(PFDSETS sets, PHIERAKI item) WORK_ONLY;
-  SI4 WriteSome(PFDSETS sets) WORK_ONLY;
-  void Drain() WORK_ONLY;
+  SI4 ReadOnce(PFDSETS sets, PHIERAKI item, bool* filled) WORK_ONLY;
+  SI4 RelayAhead() WORK_ONLY;
+  SI4 ReadRelay(PFDSETS sets, PHIERAKI item, bool* filled) WORK_ONLY;
+  SI4 ReadHeader(PFDSETS sets, PHIERAKI item, bool* filled) WORK_ONLY;
+  SI4 ReadAhead(PFDSETS sets, PHIERAKI item, bool* filled) WORK_ONLY;
+  SI4 FeedTaken(PFDSETS sets, PHIERAKI item) WORK_ONLY;
+  SI4 FeedSome(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, UI4* used) WORK_ONLY;
+  SI4 ChildRead(PFDSETS sets) WORK_ONLY;
+  SI4 WriteSome(PFDSETS sets, PHIERAKI item) WORK_ONLY;
+  SI4 WriteOnce(PFDSETS sets, PHIERAKI item) WORK_ONLY;
+  SI4 Sent(PFDSETS sets, PHIERAKI child) WORK_ONLY;
+  void Unlist(PHIERAKI child) WORK_ONLY;
+  void Drain(PHIERAKI item) WORK_ONLY;
 
+  bool ownsCon = true;                   // until another object takes the node over
   std::atomic<UI4> NameCnt{0};           // tally of generated names
   std::atomic<bool> streamEnded{false};  // hand-over: EndTo is set
   std::atomic<SI4> lChildFailed{0};      // hand-over: data that proved bad while it was delivered
 
-  PBUFFER pRead WORK_DATA = nullptr;  // borrowed, from Check to Execute
-  PBUFFER pWrite WORK_DATA = nullptr;
-  PHIERAKI phRead WORK_DATA = nullptr;
-  PHIERAKI phWrite WORK_DATA = nullptr;
-  bool holdRead WORK_DATA = false;
+  PBUFFER pTaken WORK_DATA = nullptr;  // owned; read ahead by the object before, not cut yet
+  PHIERAKI pOut WORK_DATA = nullptr;   // borrowed, all of them; first and last to be sent
+  PHIERAKI pOutLast WORK_DATA = nullptr;
+  PHIERAKI phRead WORK_DATA = nullptr;   // the child that receives
+  PHIERAKI phRelay WORK_DATA = nullptr;  // the relay that takes over, or has
+  PHIERAKI phHeld WORK_DATA = nullptr;   // relays of others that wait until less is to be sent here
+  PBUFFER pRead WORK_DATA = nullptr;     // of phRead
+  UI4 cntOut WORK_DATA = 0;
+  UI4 cntUntold WORK_DATA = 0;              // children that have still to be told of the end
   UI4 Skip WORK_DATA = 0;                   // bytes to drop
   OBJSTATE EndTo WORK_DATA = SDoNotChange;  // what the connection becomes when all have been told
   SI4 EndCode WORK_DATA = 0;
-  bool filled WORK_DATA = false;    // the last read got all it asked for
+  bool blocked WORK_DATA = false;   // the socket takes no more until the wait says so
   bool shutDown WORK_DATA = false;  // the sending half is closed
 };
 using PCONNECTION = CONNECTION*;

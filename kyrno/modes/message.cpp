@@ -29,7 +29,14 @@ PUI4 Data2Z(const CH1* bytes, UI4 n, VATYPES type) {
   return z;
 }
 
-MESSAGE::MESSAGE(PBUFFER buffer, OBJSTATE state) : RPCOBJS(TMessage), pBuf(buffer) {
+BLOCKPLACE PlaceInZ(UI4 n) {
+  const UI4 tail = VectorZTail(VAC1, n);
+  // At the very end of what a block can hold there is no room for a head.
+  if (n > UINT32_MAX - kVectorZHead - tail) return {0, 0, 0};
+  return {0, kVectorZHead, tail};
+}
+
+MESSAGE::MESSAGE(PBUFFER buffer, OBJSTATE state, F8 now) : RPCOBJS(TMessage, now), pBuf(buffer) {
   NextState = SFinished;
   SetState(state);
 }
@@ -48,6 +55,16 @@ SI4 MESSAGE::GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* n
   item->FullName(objname, kFullNameSize);
   if (PCH1 const dot = strrchr(objname, '.')) *dot = 0;
 
+  if (pBuf->Start() != pBuf->Block()) {
+    // Received to its place in the Z already.
+    const UI4 n = pBuf->TotalSize();
+    PCH1 const block = pBuf->ReleaseBlock();
+    if (!block) return ERR_MEMORY_ALLOC;
+    if (n > 0 && !isUnicode()) VA2avn(block + kVectorZHead, n);
+    FinishVectorZ(block, VAC1, n);
+    *ppZ = reinterpret_cast<PUI4>(block);
+    return 0;
+  }
   pBuf->Rewind();
   const bool raw = Mode == MRaw || Mode == MBlkRaw;
   *ppZ = Data2Z(pBuf->Next(), pBuf->Remaining(), raw ? VAI2 : VAC1);
@@ -55,29 +72,21 @@ SI4 MESSAGE::GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* n
 }
 
 SI4 MESSAGE::Check(PFDSETS sets) {
-  switch (GetState()) {
-    case SReadyToSend:
-      // The first in the tree wins, so that units leave in the order in which they were queued.
-      if (sets->phWrite) return 0;
-      [[fallthrough]];
-    case SSending:
-      sets->phWrite = sets->pItem;
-      sets->pWrite = pBuf;
-      return 0;
-    case SReceiving:
-      sets->phRead = sets->pItem;
-      sets->pRead = pBuf;
-      return 0;
-    default:
-      return 0;
-  }
+  if (GetState() == SReadyToSend) CONNECTION::Above(sets->pItem)->Send(sets->pItem);
+  return 0;
 }
 
 bool MESSAGE::Abandon(PHIERAKI item) {
-  const OBJSTATE state = GetState();
-  if (state == SSending) return false;
-  if (state == SReceiving) CONNECTION::Above(item)->SkipBytes(pBuf->Remaining());
+  CONNECTION* const connection = CONNECTION::Above(item);
+  if (connection->IsHalfSent(item)) return false;
+  if (connection->IsReceiving(item)) connection->SkipBytes(pBuf->Remaining());
   return true;
+}
+
+void MESSAGE::Leave(PHIERAKI item) { CONNECTION::Above(item)->Forget(item); }
+
+bool MESSAGE::IsSettled(PHIERAKI item) {
+  return GetState() != SReadyToSend || isOut || !CONNECTION::Above(item)->IsOpen();
 }
 
 SI4 PROGRESS::GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE*, PUI4* ppZ) {

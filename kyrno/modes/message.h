@@ -6,12 +6,13 @@
 #pragma once
 
 #include "kyrno/tree/rpcobjs.h"
+#include "util/pool.h"
 
 /// Owner:   its node. Owns the buffer.
 /// Threads: the work thread's until it is ready, then the waiting thread's.
-class MESSAGE : public RPCOBJS {
+class MESSAGE : public RPCOBJS, public POOLED {
  public:
-  MESSAGE(PBUFFER buffer, OBJSTATE state);
+  MESSAGE(PBUFFER buffer, OBJSTATE state, F8 now = Micros());
   ~MESSAGE() override;
 
   /// "Block" or "BlockLast" of the connection, with the data as a vector: 2-byte integers from 0 to
@@ -19,8 +20,11 @@ class MESSAGE : public RPCOBJS {
   [[nodiscard]] SI4 GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* next,
                                    PUI4* ppZ) override;
   PBUFFER GetBuffer() override { return pBuf; }
+  PBUFFER Outgoing() override { return pBuf; }
   SI4 Check(PFDSETS sets) override WORK_ONLY;
   bool Abandon(PHIERAKI item) override WORK_ONLY;
+  void Leave(PHIERAKI item) override WORK_ONLY;
+  bool IsSettled(PHIERAKI item) override WORK_ONLY;
 
  protected:
   PBUFFER const pBuf;  // owned
@@ -34,6 +38,9 @@ class PROGRESS : public MESSAGE {
   [[nodiscard]] SI4 GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* next,
                                    PUI4* ppZ) override;
 };
+
+/// Where the n bytes of a text are to be received, so that the Z needs only its head.
+BLOCKPLACE PlaceInZ(UI4 n);
 
 /// Received bytes as a Z that the caller owns: a vector of VAI2, each byte one element, or of VAC1,
 /// in the interpreter's own character set. Null without memory.

@@ -3,13 +3,13 @@
 
 #include <strings.h>
 
-#include <cstdio>
 #include <memory>
 #include <new>
 
 #include "kyrno/base/error.h"
 #include "kyrno/base/log.h"
 #include "kyrno/modes/message.h"
+#include "util/itoa.h"
 
 static constexpr UI4 MODULE = 0x00000080;
 
@@ -23,12 +23,9 @@ RAWCONNECTION::RAWCONNECTION(UI4 maxBlockSize, OBJMODE mode, PRPCSOCK socket, ST
   Begin(mode);
 }
 
-void RAWCONNECTION::Begin(OBJMODE mode) {
-  AssumeWorkThread();  // nobody else knows the object yet
-  Mode = mode;
-  pHeader = new (std::nothrow) BUFFER(MaxBlockSize);
-  if (!pHeader || pHeader->lError) lErrorObj = ERR_MEMORY_ALLOC;
-}
+void RAWCONNECTION::Begin(OBJMODE mode) { Mode = mode; }
+
+PBUFFER RAWCONNECTION::NewHeader() { return new (std::nothrow) BUFFER(MaxBlockSize); }
 
 SI4 RAWCONNECTION::SetRPCProp(PHIERAKI root, PCH10 name, PAA value) {
   if (strcasecmp(name, "EOM") != 0) return CONNECTION::SetRPCProp(root, name, value);
@@ -45,9 +42,9 @@ SI4 RAWCONNECTION::Deliver(PHIERAKI item, PBUFFER bytes, OBJSTATE state) {
   message->Mode = OBJMODE{Mode};
   if (state == SAPLLast) message->NextPState = SFinished;
   CH1 name[kMaxName];
-  snprintf(name, sizeof name, "Blk%08u", Count++);
+  NumberedName(name, "Blk", Count++);
   LOG(4, ("New block received %s size %d remaining Header %d", name, bytes->TotalSize(),
-          pHeader->SizeProcessed()));
+          pHeader ? pHeader->SizeProcessed() : 0));
   PHIERAKI const child = item->AddNew(name, message.get());
   if (!child) return ERR_NAME_IN_USE;
   (void)message.release();
@@ -57,6 +54,8 @@ SI4 RAWCONNECTION::Deliver(PHIERAKI item, PBUFFER bytes, OBJSTATE state) {
 
 /// All that has come in since the last unit, leaving pHeader empty.
 PBUFFER RAWCONNECTION::TakeAll() {
+  // Nothing has ever come.
+  if (!pHeader) return new (std::nothrow) BUFFER(0);
   const UI4 n = pHeader->SizeProcessed();
   PBUFFER all = nullptr;
   if (n > MaxBlockSize / 2) {

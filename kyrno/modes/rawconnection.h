@@ -15,6 +15,8 @@ class RAWCONNECTION : public CONNECTION {
   void SetStop(PLIST list, bool ignoreCase) { own.Set(list, ignoreCase); }
   [[nodiscard]] SI4 SetRPCProp(PHIERAKI root, PCH10 name, PAA value) override;
 
+  bool ReadsAhead() const override { return false; }
+  PBUFFER NewHeader() override WORK_ONLY;
   SI4 HeaderRecv(PFDSETS sets, PHIERAKI item) override WORK_ONLY;
   SI4 HeaderComplete(PFDSETS sets, PHIERAKI item) override WORK_ONLY;
   SI4 PassiveClose(PFDSETS sets, PHIERAKI item) override WORK_ONLY;

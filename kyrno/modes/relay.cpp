@@ -16,8 +16,6 @@ static constexpr UI4 MODULE = 0x00000080;
 
 namespace {
 
-constexpr SI4 kMaxQueued = 16;  // units that may wait on a target before its source is held back
-
 /// The object of a relay's end, or a code.
 SI4 EndOf(PHIERAKI root, PCH10 path, PHIERAKI* node) {
   *node = root->FindLeaf(path);
@@ -35,8 +33,10 @@ SI4 AddRelay(PHIERAKI from, PHIERAKI to, UI4 blockSize) {
   if (const SI4 code = relay->lErrorObj) return code;
   relay->Mode = OBJMODE{from->Obj()->Mode};
   // A second relay on the same source finds the name taken and goes again.
-  if (from->AddNew("RELAY", relay.get())) (void)relay.release();
-  return 0;
+  PHIERAKI const node = from->AddNew("RELAY", relay.get());
+  if (!node) return 0;
+  (void)relay.release();
+  return static_cast<ROOT*>(node->Top()->Obj())->Changed(node);
 }
 
 }  // namespace
@@ -60,32 +60,34 @@ PHIERAKI RELAY::Target(PHIERAKI item) {
 
 SI4 RELAY::Check(PFDSETS sets) {
   const OBJSTATE state = GetState();
-  if (state != SReceiving && (state != SReadyToRecv || sets->phRead)) return 0;
-  sets->phRead = sets->pItem;
-  sets->pRead = pBuf;
-
-  PHIERAKI const to = Target(sets->pItem);
-  SI4 queued = 0;
-  if (to)
-    to->WalkSub([&](PHIERAKI child) {
-      const OBJSTATE s = child->Obj()->GetState();
-      if (s == SReadyToSend || s == SSending) ++queued;
-    });
-  sets->holdRead = queued >= kMaxQueued;
+  if (state == SReadyToRecv || state == SReceiving)
+    CONNECTION::Above(sets->pItem)->SetRelay(sets->pItem);
   return 0;
 }
 
-SI4 RELAY::RelayBuf(PHIERAKI item, PBUFFER header) {
-  // What the framing had read ahead goes first, so that nothing is lost or overtaken.
-  if (header && header->SizeProcessed() > 0)
-    if (const SI4 code = RelayBufferInt(item, header)) return code;
-  return pBuf->SizeProcessed() > 0 ? RelayBufferInt(item, pBuf) : 0;
+void RELAY::Leave(PHIERAKI item) {
+  if (phHeldBy) static_cast<PCONNECTION>(phHeldBy->Obj())->Unhold(item);
+  CONNECTION::Above(item)->Forget(item);
 }
 
-SI4 RELAY::RelayBufferInt(PHIERAKI item, PBUFFER from) {
-  const UI4 n = from->SizeProcessed();
-  from->Rewind();
-  std::unique_ptr<BUFFER> copy(new (std::nothrow) BUFFER(n, from->Start()));
+SI4 RELAY::RelayBuf(PHIERAKI item, PBUFFER header) {
+  const UI4 n = pBuf->SizeProcessed();
+  pBuf->Rewind();
+  return Forward(item, header, pBuf->Start(), n);
+}
+
+SI4 RELAY::Forward(PHIERAKI item, PBUFFER header, PCH10 data, UI4 n) {
+  // What the framing had read ahead goes first, so that nothing is lost or overtaken.
+  if (header && header->SizeProcessed() > 0) {
+    const UI4 ahead = header->SizeProcessed();
+    header->Rewind();
+    if (const SI4 code = RelayBytes(item, header->Start(), ahead)) return code;
+  }
+  return n > 0 ? RelayBytes(item, data, n) : 0;
+}
+
+SI4 RELAY::RelayBytes(PHIERAKI item, PCH10 data, UI4 n) {
+  std::unique_ptr<BUFFER> copy(new (std::nothrow) BUFFER(n, data));
   if (!copy || copy->lError) return ERR_MEMORY_ALLOC;
   std::unique_ptr<MESSAGE> message(new (std::nothrow) MESSAGE(copy.get(), SReadyToSend));
   if (!message) return ERR_MEMORY_ALLOC;
@@ -96,9 +98,14 @@ SI4 RELAY::RelayBufferInt(PHIERAKI item, PBUFFER from) {
   CH1 name[kMaxName];
   snprintf(name, sizeof name, "Bytes%010u", Bytes);
   PHIERAKI const to = Target(item);
-  if (!to || !static_cast<PCONNECTION>(to->Obj())->IsOpen()) return ERR_SEND;
-  if (!to->AddNew(name, message.get())) return ERR_SEND;
+  PCONNECTION const target = to ? static_cast<PCONNECTION>(to->Obj()) : nullptr;
+  if (!target || !target->IsOpen()) return ERR_SEND;
+  PHIERAKI const unit = to->AddNew(name, message.get());
+  if (!unit) return ERR_SEND;
   (void)message.release();
+  target->Send(unit);
+  RootOf(item)->MakeDue(to);
+  if (target->CountOut() >= kMostQueued && !IsHeld()) target->Hold(item);
   LOG(4, ("Relay %u to %s", n, pToName));
   return 0;
 }
@@ -112,5 +119,5 @@ SI4 SetRelay(PHIERAKI root, PCH10 from, PCH10 to, UI4 blockSize, bool oneWay) {
   if (blockSize == 0) return ERR_ARG_INVALID;
   code = AddRelay(source, target, blockSize);
   if (!code && !oneWay) code = AddRelay(target, source, blockSize);
-  return code ? code : static_cast<ROOT*>(root->Obj())->Dirty();
+  return code;
 }

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cassert>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -18,6 +17,7 @@
 #include "kyrno/modes/rawconnection.h"
 #include "kyrno/net/address.h"
 #include "kyrno/tree/root.h"
+#include "util/itoa.h"
 
 static constexpr UI4 MODULE = 0x00002000;
 
@@ -25,6 +25,7 @@ namespace {
 
 constexpr SI4 kKeepAliveInterval = 1000;  // ms, when only the time is given
 constexpr F8 kRestMicros = 100000;        // without descriptors, how long until the next try
+constexpr UI4 kAcceptsPerTurn = 64;       // then the connections get theirs
 constexpr size_t kHostNameSize = 255;
 
 bool Is(PCH10 name, PCH10 word) { return strcasecmp(name, word) == 0; }
@@ -110,7 +111,7 @@ SI4 SERVER::Pause(PHIERAKI root, SI4 value) {
   }
   if (code) return code;
   Paused = value;
-  return static_cast<ROOT*>(root->Obj())->Dirty();
+  return static_cast<ROOT*>(root->Obj())->ChangedSoon(pItem);
 }
 
 SI4 SERVER::SetRPCProp(PHIERAKI root, PCH10 name, PAA value) {
@@ -172,28 +173,6 @@ SI4 SERVER::GetRPCProp(PCH10 name, PAA, PPAA out) {
 
 // ---- the turn
 
-SI4 SERVER::Check(PFDSETS sets) {
-  if (GetState() == SGotoPause) {
-    PRPCSOCK paused;
-    {
-      MUTEXHOLD hold(SocketLock);
-      paused = pSocket;
-      pSocket = nullptr;
-    }
-    if (paused) paused->SaveCred();
-    delete paused;
-    Move(SGotoPause, SListenPaused);
-    return 0;
-  }
-  if (GetState() != SListen) return 0;
-  if (restUntil > Micros()) {
-    sets->ss.WakeAt(restUntil);
-    return 0;
-  }
-  MUTEXHOLD hold(SocketLock);
-  return pSocket ? pSocket->Wait4R(&sets->ss) : 0;
-}
-
 SI4 SERVER::Execute(PFDSETS sets) {
   PRPCSOCK socket;
   {
@@ -205,40 +184,87 @@ SI4 SERVER::Execute(PFDSETS sets) {
     socket->CloseSocket();
     return 0;
   }
-  if (GetState() == SListen && socket->Ready4R(&sets->ss)) Accept(socket, sets->pItem);
+  if (GetState() != SListen || !socket->Ready4R(&sets->ss)) return 0;
+  for (UI4 i = 0; i < kAcceptsPerTurn && Accept(socket, sets->pItem); ++i) {
+  }
   return 0;
 }
 
-void SERVER::Accept(PRPCSOCK listener, PHIERAKI item) {
+SI4 SERVER::Check(PFDSETS sets) {
+  PHIERAKI const item = sets->pItem;
+  PRPCSOCK paused = nullptr;
+  {
+    MUTEXHOLD hold(SocketLock);
+    if (GetState() == SGotoPause) {
+      if (!RootOf(item)->IsWorkThread()) {
+        RootOf(item)->LeaveToWorkThread(item);
+        return 0;
+      }
+      paused = pSocket;
+      pSocket = nullptr;
+    } else if (pSocket) {
+      pSocket->Watch(item);
+      pSocket->Want();
+      if (GetState() == SListen && restUntil <= Micros())
+        (void)pSocket->Wait4R(&sets->ss);
+      else if (GetState() == SListen)
+        RootOf(item)->SetTimer(item, restUntil);
+      (void)pSocket->Settle(&sets->ss);
+    }
+  }
+  if (paused) paused->SaveCred();
+  delete paused;
+  Move(SGotoPause, SListenPaused);
+  return 0;
+}
+
+void SERVER::Leave(PHIERAKI) {
+  MUTEXHOLD hold(SocketLock);
+  if (pSocket) pSocket->CloseSocket();
+}
+
+bool SERVER::IsSettled(PHIERAKI) {
+  if (GetState() == SGotoPause) return false;
+  MUTEXHOLD hold(SocketLock);
+  if (!pSocket || restUntil > Micros()) return true;
+  return (pSocket->Watched() == EPOLLIN) == (GetState() == SListen);
+}
+
+/// Takes one peer. False when there is none to take just now.
+bool SERVER::Accept(PRPCSOCK listener, PHIERAKI item) {
   PRPCSOCK socket = nullptr;
   bool mustRest = false;
   if (listener->Accept(&socket, &mustRest)) {
     // The peer stays in the kernel's queue; without a rest this would spin.
     if (mustRest) restUntil = Micros() + kRestMicros;
-    return;
+    return false;
   }
-  if (!socket) return;
+  if (!socket) return false;
 
   // The number advances here, so that refused peers leave gaps.
   CH1 name[kMaxName];
-  snprintf(name, sizeof name, "CON%08u", NameCnt++);
+  NumberedName(name, "CON", NameCnt++);
   if (!IsWelcome(socket)) {
     LOG(1, ("%s refused", name));
     delete socket;
-    return;
+    return true;
   }
   if (timeKeepAlive && intevalKeepAlive) socket->SetKeepalive(timeKeepAlive, intevalKeepAlive);
   RPCOBJS* const connection = NewConnection(socket);
   if (!connection) {
     delete socket;
-    return;
+    return true;
   }
   PHIERAKI const node = connection->lErrorObj ? nullptr : item->AddNew(name, connection);
   if (!node) {
     delete connection;
-    return;
+    return true;
   }
-  if (connection->GetState() == SIncoming) Ready4Apl(node);
+  if (connection->GetState() == SIncoming)
+    Ready4Apl(node);
+  else
+    RootOf(item)->Mark(node);
+  return true;
 }
 
 bool SERVER::IsWelcome(PRPCSOCK socket) {

@@ -37,6 +37,8 @@ class SERVER : public RPCOBJS {
   [[nodiscard]] SI4 GetRPCProp(PCH10 name, PAA args, PPAA out) override;
   SI4 Check(PFDSETS sets) override WORK_ONLY;
   SI4 Execute(PFDSETS sets) override WORK_ONLY;
+  void Leave(PHIERAKI item) override WORK_ONLY;
+  bool IsSettled(PHIERAKI item) override WORK_ONLY;
   void CloseAfterFork() override;
   TPOOSFN Callback() override { return pOOSfn; }
 
@@ -63,7 +65,7 @@ class SERVER : public RPCOBJS {
   /// A listening socket of the noted address.
   [[nodiscard]] SI4 OpenSocket();
   [[nodiscard]] SI4 Pause(PHIERAKI root, SI4 value);
-  void Accept(PRPCSOCK listener, PHIERAKI item) WORK_ONLY;
+  bool Accept(PRPCSOCK listener, PHIERAKI item) WORK_ONLY;
   bool IsWelcome(PRPCSOCK socket) WORK_ONLY;
 
   PROTOCOL Prot = PAny;                   // constant after Listen

@@ -1,19 +1,17 @@
 // buffer.cpp - the byte container.
 #include "kyrno/net/buffer.h"
 
-#include <sys/mman.h>
-
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <utility>
 
 #include "kyrno/base/error.h"
 #include "util/base64.h"
+#include "util/blockstore.h"
 
 namespace {
-
-constexpr size_t kPageBytes = 4096;
 
 // The letters of ASCII only: what matches must not depend on the interpreter's locale.
 constexpr UI1 Fold(CH1 c) {
@@ -84,7 +82,17 @@ class FIRSTBYTES {
 
 }  // namespace
 
-BUFFER::BUFFER(UI4 size) : Blksize(BufferBlkSize.load(std::memory_order_relaxed)) { Resize(size); }
+BUFFER::BUFFER(UI4 size) : BUFFER(LAZY, 0) { Resize(size); }
+
+BUFFER::BUFFER(LAZYTAG, UI4 size)
+    : Size(size), Blksize(BufferBlkSize.load(std::memory_order_relaxed)) {}
+
+BUFFER::BUFFER(const BLOCKPLACE& where, UI4 size) : BUFFER(LAZY, std::min(where.lead, size)) {
+  place = where;
+  place.lead = TotalSize();
+  Rewind();
+  Resize(size);
+}
 
 BUFFER::BUFFER(UI4 size, PCH10 data) : BUFFER(data ? size : 0) {
   if (lError || !data || size == 0) return;
@@ -97,11 +105,21 @@ BUFFER::BUFFER(UI4 size, PCH10 data) : BUFFER(data ? size : 0) {
 }
 
 BUFFER::~BUFFER() {
-  if (mapped) {
-    munmap(pBuf, held);
-  } else {
-    free(pBuf);
+  if (!onePiece) BlockFree(pBuf);
+}
+
+PBUFFER BUFFER::NewWhole(UI4 n) {
+  if (n > kPoolPieceBytes - sizeof(BUFFER)) {
+    std::unique_ptr<BUFFER> large(new (std::nothrow) BUFFER(n));
+    return !large || large->lError || large->Reserve(n) ? nullptr : large.release();
   }
+  PVOID const piece = PoolAlloc(sizeof(BUFFER) + n);
+  if (!piece) return nullptr;
+  PBUFFER const whole = new (piece) BUFFER(LAZY, n);
+  whole->pBuf = reinterpret_cast<PCH1>(whole + 1);
+  whole->onePiece = true;
+  whole->held = whole->written = n;
+  return whole;
 }
 
 BOOL BUFFER::NextProcessed(UI4 n) {
@@ -113,15 +131,11 @@ BOOL BUFFER::NextProcessed(UI4 n) {
 }
 
 SI4 BUFFER::Room(PCH1* at, PUI4 n) {
+  const bool grows = Remaining() > 0 && SizeProcessed() >= InMemory();
+  const SI4 error = grows && !Hold(SizeProcessed() + 1) ? ERR_MEMORY_ALLOC : 0;
   *at = Next();
-  *n = 0;
-  const UI4 left = Remaining();
-  if (left == 0) return 0;
-  if (SizeProcessed() >= held && !Hold(SizeProcessed() + 1)) return ERR_MEMORY_ALLOC;
-
-  *at = Next();
-  *n = static_cast<UI4>(std::min<size_t>(left, held - SizeProcessed()));
-  return 0;
+  *n = InMemory() > SizeProcessed() ? InMemory() - SizeProcessed() : 0;
+  return error;
 }
 
 SI4 BUFFER::Reserve(UI4 n) {
@@ -136,9 +150,20 @@ UI4 BUFFER::NextSize() const {
   return there > SizeProcessed() ? std::min(there - SizeProcessed(), Blksize) : 0;
 }
 
+UI4 BUFFER::Gather(iovec* pieces, size_t most) {
+  *pieces = {Next(), std::min<size_t>(NextSize(), most)};
+  return 1;
+}
+
 UI4 BUFFER::Remaining() const {
   // A Resize may have left the position behind the end.
   return TotalSize() > SizeProcessed() ? TotalSize() - SizeProcessed() : 0;
+}
+
+PCH1 BUFFER::ReleaseBlock() {
+  if (!Complete() || onePiece) return nullptr;
+  held = 0;
+  return std::exchange(pBuf, nullptr);
 }
 
 BOOL BUFFER::AppendP(PCH10 data, UI4 n) {
@@ -213,7 +238,7 @@ SI4 BUFFER::FindBin1(PCH10 bytes, SI4 len, bool after) const {
 UI4 BUFFER::Resize(UI4 size) {
   const UI4 before = TotalSize();
   SetSize(size);
-  if (!Hold(std::min(size, kEagerBytes))) {
+  if (!Hold(place.lead + std::min(size - place.lead, kEagerBytes))) {
     lError = ERR_MEMORY_ALLOC;
     SetSize(before);
   }
@@ -244,37 +269,31 @@ void BUFFER::Mask(const UI1* key, UI4 keyLength) {
   mask(pBuf, InMemory(), reinterpret_cast<PCH10>(key), keyLength);
 }
 
-UI4 BUFFER::InMemory() const { return static_cast<UI4>(std::min<size_t>(TotalSize(), held)); }
-
-// Sees to memory for `need` bytes, which are at most Size. Growth doubles, so that a message of n
-// bytes asks the system log n times.
-bool BUFFER::Hold(UI4 need) {
-  if (pBuf && need <= held) return true;
-  const size_t size = TotalSize();
-  if (mapped || size > kEagerBytes) {
-    return HoldMapped(std::min(size, std::max<size_t>({need, kEagerBytes, 2 * held})));
-  }
-
-  const size_t bytes = std::max<size_t>(size, 1);  // an empty buffer has an address too
-  void* moved = realloc(pBuf, bytes);
-  if (!moved) return false;
-  pBuf = static_cast<PCH1>(moved);
-  held = bytes;
-  return true;
+UI4 BUFFER::InMemory() const {
+  return static_cast<UI4>(std::min<size_t>(TotalSize(), size_t{place.lead} + held));
 }
 
-bool BUFFER::HoldMapped(size_t bytes) {
-  bytes = (bytes + kPageBytes - 1) / kPageBytes * kPageBytes;
-  void* moved =
-      mapped ? mremap(pBuf, held, bytes, MREMAP_MAYMOVE)
-             : mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (moved == MAP_FAILED) return false;
-  if (!mapped) {
-    if (written > 0) memcpy(moved, pBuf, written);
-    free(pBuf);
-    mapped = true;
-  }
+// Sees to memory for the first `need` bytes, which are at most Size. Growth doubles, so that a
+// message of n bytes asks the system log n times.
+bool BUFFER::Hold(UI4 need) {
+  const size_t kept = need > place.lead ? need - place.lead : 0;
+  if (pBuf && kept <= held) return true;
+  const size_t size = TotalSize() - place.lead;
+  const size_t around = size_t{place.front} + place.tail;
+  size_t wanted = size <= kEagerBytes
+                      ? size
+                      : std::min(size, std::max<size_t>({kept, kEagerBytes, size_t{2} * held}));
+
+  // A block for all of it that waits to be used again costs nothing, whatever a peer only claims.
+  PVOID moved = pBuf || wanted == size ? nullptr : BlockStored(size + around);
+  if (moved)
+    wanted = size;
+  else
+    moved = BlockResize(onePiece ? nullptr : pBuf, wanted + around);
+  if (!moved) return false;
+  if (onePiece) memcpy(moved, pBuf, held);
+  onePiece = false;
   pBuf = static_cast<PCH1>(moved);
-  held = bytes;
+  held = static_cast<UI4>(wanted);
   return true;
 }

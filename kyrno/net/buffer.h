@@ -7,13 +7,23 @@
 // What lies in front of Offset has been received, or sent. Size is what the buffer is to hold in
 // the end. The two differ from the memory behind it: a size that a peer only claims is not given
 // memory before the bytes arrive. No operation reads or writes outside that memory.
+//
+// A placed buffer receives straight into a block that is handed out afterwards. It counts `lead`
+// bytes in front that it never had, and leaves room around the rest for whoever finishes the block:
+//
+//   counts     0 - - - - lead         Size
+//   memory     |- front -|- received -|- tail -|
+//              Block     Start
 #pragma once
+
+#include <sys/uio.h>
 
 #include <atomic>
 #include <cstddef>
 
 #include "kyrno/net/stoplist.h"
 #include "sys/linux/qlntypes.h"
+#include "util/pool.h"
 
 class BUFFER;
 using PBUFFER = BUFFER*;
@@ -21,6 +31,13 @@ using PBUFFER = BUFFER*;
 /// The largest piece that one Write moves, and the size of a file's window; read when a buffer is
 /// made. Never 0.
 inline std::atomic<UI4> BufferBlkSize{131072};
+
+/// Where the bytes of a placed buffer go.
+struct BLOCKPLACE {
+  UI4 lead;   ///< bytes at the beginning that count as processed from the start and have no memory
+  UI4 front;  ///< memory in front of the first byte behind the lead, which the counts leave out
+  UI4 tail;   ///< the same behind the last byte
+};
 
 /// Bytes on their way in or out.
 ///
@@ -30,14 +47,26 @@ inline std::atomic<UI4> BufferBlkSize{131072};
 ///          read the counts of SizeProcessed and TotalSize at any time: they are tallies.
 /// Errors:  lError. Its owner tests it after construction, after Append and Resize, and a sender
 ///          after each NextProcessed. Counts out of range are cut to what is there.
-class BUFFER {
+class BUFFER : public POOLED {
  public:
+  struct LAZYTAG {};
+  static constexpr LAZYTAG LAZY{};
+
   /// An empty buffer to receive into, or to append to. Up to kEagerBytes the memory is there at
   /// once, above that it grows with the bytes. No memory leaves ERR_MEMORY_ALLOC and a size of 0.
   explicit BUFFER(UI4 size);
+  /// The same without memory before the first byte: Room and Append find out whether there is any.
+  BUFFER(LAZYTAG, UI4 size);
+  /// A placed buffer; size counts the lead. No memory leaves ERR_MEMORY_ALLOC. It is there to be
+  /// received into and handed out: Room, NextProcessed, Append, Rewind and the counts go by the
+  /// place; searches, Take, Drop, Mask and Resize are for other buffers.
+  BUFFER(const BLOCKPLACE& where, UI4 size);
   /// A copy of data, ready to be sent. Null data is no bytes.
   BUFFER(UI4 size, PCH10 data);
   virtual ~BUFFER();
+  /// An empty buffer with memory for all of its n bytes, to be written through Start(); a small one
+  /// is a single piece with its bytes, which cannot be released. Null without memory.
+  static PBUFFER NewWhole(UI4 n);
   BUFFER(const BUFFER&) = delete;
   BUFFER& operator=(const BUFFER&) = delete;
 
@@ -53,17 +82,30 @@ class BUFFER {
   /// n beyond the size is ERR_LENGTH.
   [[nodiscard]] SI4 Reserve(UI4 n);
 
-  PCH1 Start() { return pBuf; }
-  PCH1 Next() { return pBuf + SizeProcessed(); }
+  /// The first byte with memory, and the byte at the position; null while there is no memory.
+  PCH1 Start() { return At(place.lead); }
+  PCH1 Next() { return At(SizeProcessed()); }
   /// What a sender may take now: at most Blksize bytes.
   UI4 NextSize() const;
+  /// The same as pieces of one write, of `most` bytes at most; their number, up to kPieces, and 1
+  /// at least. Gathered follows when the write is over.
+  static constexpr UI4 kPieces = 2;
+  virtual UI4 Gather(iovec* pieces, size_t most);
+  virtual void Gathered() {}
   UI4 SizeProcessed() const { return Offset.load(std::memory_order_relaxed); }
   UI4 TotalSize() const { return Size.load(std::memory_order_relaxed); }
   UI4 Remaining() const;
   BOOL Complete() const { return SizeProcessed() == TotalSize(); }
-  void Rewind() { SetOffset(0); }
+  /// Back to the first byte with memory.
+  void Rewind() { SetOffset(place.lead); }
   /// The whole buffer goes in one piece, as a datagram must.
   void AllInOne() { Blksize = TotalSize(); }
+
+  /// The memory, its front included; null while there is none.
+  PCH1 Block() { return pBuf; }
+  /// Gives the memory of a complete buffer away, for BlockFree or free; null of another one. The
+  /// counts stay, the bytes are gone.
+  [[nodiscard]] PCH1 ReleaseBlock();
 
   /// Copies as much of n bytes as still fits and moves on. True when full.
   BOOL AppendP(PCH10 data, UI4 n);
@@ -117,13 +159,14 @@ class BUFFER {
 
  private:
   bool Hold(UI4 need);
-  bool HoldMapped(size_t bytes);
+  PCH1 At(UI4 n) const { return pBuf ? pBuf + place.front + (n - place.lead) : nullptr; }
 
   std::atomic<UI4> Size{0};
   std::atomic<UI4> Offset{0};
   UI4 Blksize;
-  UI4 written = 0;      // end of the bytes that may have content; Drop moves no more than that
-  size_t held = 0;      // bytes of memory
-  bool mapped = false;  // the memory comes from mmap, not from malloc
-  PCH1 pBuf = nullptr;  // owned
+  UI4 written = 0;  // end of the bytes that may have content; Drop moves no more than that
+  BLOCKPLACE place{0, 0, 0};  // constant after construction
+  UI4 held = 0;               // bytes of memory between front and tail
+  bool onePiece = false;      // pBuf is behind this object and goes with it
+  PCH1 pBuf = nullptr;        // owned
 };

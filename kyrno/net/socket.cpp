@@ -5,24 +5,26 @@
 #include <netinet/tcp.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <new>
 
 #include "kyrno/base/error.h"
 #include "kyrno/base/log.h"
 #include "kyrno/net/address.h"
+#include "sys/linux/forkmark.h"
 
 static constexpr UI4 MODULE = 0x00000200;
 
 namespace {
 
-// Descriptors from 0 up that select is told to look at.
-constexpr int kWatched = FD_SETSIZE - 1;
-
 constexpr F8 kMicrosPerSecond = 1e6;
+constexpr F8 kMicrosPerMilli = 1e3;
 
 // A signal is no reason to give a connection up: the next turn tries again.
 bool WouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
@@ -32,71 +34,106 @@ bool OutOfResources(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
-// The same, with a line in the log for a descriptor that is open and out of reach.
-bool MayWatch(SOCKET sock) {
-  if (CanWatch(sock)) return true;
-  if (sock != INVALID_SOCKET) LOGStrL("Descriptor is beyond those that can be waited for", sock);
-  return false;
-}
-
-// How long a turn may sleep.
-timeval WaitTime(const SOCKETSETS& sets, UI4 seconds) {
-  if (sets.cntBuffered > 0) return {0, 1};
+// How long a turn may sleep. Rounded up: a wait that ends before the deadline would be followed by
+// many more until it comes.
+int WaitMillis(const SOCKETSETS& sets, UI4 seconds) {
+  if (sets.cntBuffered > 0) return 0;
 
   F8 micros = seconds * kMicrosPerSecond;
   if (sets.deadline > 0) micros = std::clamp(sets.deadline - Micros(), 0.0, micros);
-  const time_t whole = static_cast<time_t>(micros / kMicrosPerSecond);
-  return {whole, static_cast<suseconds_t>(micros - static_cast<F8>(whole) * kMicrosPerSecond)};
+  const F8 millis = std::ceil(micros / kMicrosPerMilli);
+  return static_cast<int>(std::min<F8>(millis, std::numeric_limits<int>::max()));
 }
 
-SOCKERR Received(ssize_t count, PBUFFER b, PCH10 function) {
-  const int error = errno;
-  if (count > 0) {
-    b->NextProcessed(static_cast<UI4>(count));
-    return 0;
-  }
+// The code of a receive that gave `count`.
+SOCKERR Received(ssize_t count, int error, PCH10 function) {
+  if (count > 0) return 0;
   if (count == 0) return ERR_CLOSED;
   if (WouldBlock(error)) return 0;
   SockErrLog(error, function);
   return ERR_RECV;
 }
 
-SOCKERR Sent(ssize_t count, PBUFFER b, PCH10 function) {
-  const int error = errno;
-  if (count >= 0) {
-    b->NextProcessed(static_cast<UI4>(count));
-    return b->lError;
-  }
-  if (WouldBlock(error)) return 0;
+SOCKERR Received(ssize_t count, int error, PBUFFER b, PCH10 function) {
+  if (count > 0) b->NextProcessed(static_cast<UI4>(count));
+  return Received(count, error, function);
+}
+
+// The code of a send that gave `count`.
+SOCKERR Sent(ssize_t count, int error, PCH10 function) {
+  if (count >= 0 || WouldBlock(error)) return 0;
   SockErrLog(error, function);
   return ERR_SEND;
 }
 
+SOCKERR Sent(ssize_t count, int error, PBUFFER b, PCH10 function) {
+  if (count >= 0) b->NextProcessed(static_cast<UI4>(count));
+  return count >= 0 ? b->lError : Sent(count, error, function);
+}
+
+// The kernel only reads the pieces, though its interface does not say so.
+msghdr Message(const iovec* pieces, int count) {
+  msghdr message = {};
+  message.msg_iov = const_cast<iovec*>(pieces);
+  message.msg_iovlen = static_cast<size_t>(count);
+  return message;
+}
+
+bool AnyBytes(const iovec* pieces, int count) {
+  return std::any_of(pieces, pieces + count, [](const iovec& piece) { return piece.iov_len > 0; });
+}
+
 }  // namespace
 
-bool CanWatch(SOCKET sock) { return sock >= 0 && sock < kWatched; }
+SOCKETSETS::~SOCKETSETS() {
+  if (epoll >= 0) close(epoll);
+}
+
+SOCKERR SOCKETSETS::Open() {
+  mark = FORKMARK::Current();
+  epoll = epoll_create1(EPOLL_CLOEXEC);
+  if (epoll >= 0) return 0;
+  const int error = errno;
+  SockErrLog(error, "epoll_create1");
+  return error;
+}
+
+void SOCKETSETS::CloseAfterFork() {
+  if (epoll >= 0) close(epoll);
+  epoll = -1;
+}
+
+bool SOCKETSETS::IsOwnProcess() const { return mark == FORKMARK::Current(); }
+
+PVOID SOCKETSETS::Brought(SI4 i) {
+  if (i >= brought) return nullptr;
+  const PRPCSOCK socket = static_cast<PRPCSOCK>(events[i].data.ptr);
+  if (socket->watched == 0) return nullptr;
+  const UI4 happened = events[i].events;
+  // Both come whatever the kernel watches for: they go to whoever can find out the reason.
+  const bool ended = (happened & (EPOLLERR | EPOLLHUP)) != 0;
+  socket->ready = ended ? EPOLLIN | EPOLLOUT : happened;
+  return socket->pOwner;
+}
 
 void Clear(PSOCKETSETS sets) {
   sets->cntBuffered = 0;
   sets->deadline = 0;
-  FD_ZERO(&sets->sRead);
-  FD_ZERO(&sets->sWrite);
 }
 
 SOCKERR SfWait(PSOCKETSETS sets, UI4 seconds, PSI4 count) {
-  timeval wait = WaitTime(*sets, seconds);
+  const int millis = WaitMillis(*sets, seconds);
   LOG(4, ("Select suspend"));
-  *count = select(kWatched, &sets->sRead, &sets->sWrite, nullptr, &wait);
+  *count = epoll_wait(sets->epoll, sets->events, SOCKETSETS::kEvents, millis);
   const int error = errno;
   LOG(4, ("Select %d ready", *count));
+  sets->brought = std::max(*count, 0);
   if (*count >= 0) {
     *count += sets->cntBuffered;
     return 0;
   }
 
-  // The kernel leaves the sets as they were wanted, which would read as all of them being ready.
-  FD_ZERO(&sets->sRead);
-  FD_ZERO(&sets->sWrite);
+  // Deliberate: the name that readers of logs know the wait by.
   const SOCKERR result = error == EINTR ? 0 : error;
   SockErrLog(error, "select");
   SockErrLog(result, "select interupt cleared");
@@ -148,6 +185,11 @@ RPCSOCK::~RPCSOCK() {
 }
 
 void RPCSOCK::CloseSocket() {
+  // A descriptor that a forked child has too is still open when this one is closed, and its events
+  // would come for ever.
+  if (watched && pWatching->IsOwnProcess()) (void)Change(0);
+  wanted = watched = ready = 0;
+
   MUTEXHOLD hold(Lock);
   const SOCKET s = sock.exchange(INVALID_SOCKET, std::memory_order_relaxed);
   if (s != INVALID_SOCKET) closesocket(s);
@@ -240,8 +282,34 @@ SOCKERR RPCSOCK::Read(PBUFFER b) {
   const int error = errno;
   LOG(4, ("RecvPartial %4d %5d %8p %25.0f", s, static_cast<int>(count), static_cast<void*>(at),
           Micros()));
-  errno = error;
-  return Received(count, b, "recv");
+  return Received(count, error, b, "recv");
+}
+
+SOCKERR RPCSOCK::ReadV(const iovec* pieces, int count, size_t* got) {
+  *got = 0;
+  // To ask for no bytes and get none is no close.
+  if (!AnyBytes(pieces, count)) return 0;
+
+  const SOCKET s = sock.load(std::memory_order_relaxed);
+  msghdr message = Message(pieces, count);
+  const ssize_t bytes = recvmsg(s, &message, 0);
+  const int error = errno;
+  LOG(4,
+      ("RecvPartial %4d %5d %8p %25.0f", s, static_cast<int>(bytes), pieces->iov_base, Micros()));
+  if (bytes > 0) *got = static_cast<size_t>(bytes);
+  return Received(bytes, error, "recv");
+}
+
+SOCKERR RPCSOCK::WriteV(const iovec* pieces, int count, size_t* sent) {
+  *sent = 0;
+  const SOCKET s = sock.load(std::memory_order_relaxed);
+  const msghdr message = Message(pieces, count);
+  const ssize_t bytes = sendmsg(s, &message, MSG_NOSIGNAL);
+  const int error = errno;
+  LOG(4,
+      ("SendPartial %4d %5d %8p %25.0f", s, static_cast<int>(bytes), pieces->iov_base, Micros()));
+  if (bytes > 0) *sent = static_cast<size_t>(bytes);
+  return Sent(bytes, error, "send");
 }
 
 SI4 RPCSOCK::RecvFrom(PBUFFER b, PQLNSOCKADDR addr) {
@@ -256,8 +324,7 @@ SI4 RPCSOCK::RecvFrom(PBUFFER b, PQLNSOCKADDR addr) {
   const int error = errno;
   LOG(4, ("RecvPartial %4d %5d %8p %25.0f", s, static_cast<int>(count), static_cast<void*>(at),
           Micros()));
-  errno = error;
-  return Received(count, b, "recvfrom");
+  return Received(count, error, b, "recvfrom");
 }
 
 SOCKERR RPCSOCK::Write(PBUFFER b) {
@@ -268,8 +335,7 @@ SOCKERR RPCSOCK::Write(PBUFFER b) {
   const int error = errno;
   LOG(4, ("SendPartial %4d %5d %8p %25.0f", s, static_cast<int>(count), static_cast<void*>(at),
           Micros()));
-  errno = error;
-  return Sent(count, b, "send");
+  return Sent(count, error, b, "send");
 }
 
 SI4 RPCSOCK::SendTo(PBUFFER b, const QLNSOCKADDR* addr) {
@@ -281,8 +347,7 @@ SI4 RPCSOCK::SendTo(PBUFFER b, const QLNSOCKADDR* addr) {
   const int error = errno;
   LOG(4,
       ("SendTo %4d %5d %8p %25.0f", s, static_cast<int>(count), static_cast<void*>(at), Micros()));
-  errno = error;
-  return Sent(count, b, "sendto");
+  return Sent(count, error, b, "sendto");
 }
 
 SOCKERR RPCSOCK::Accept(PRPCSOCK* out, bool* mustRest) {
@@ -311,34 +376,40 @@ SOCKERR RPCSOCK::Shutdown() {
 
 SOCKERR RPCSOCK::Handshake(bool) { return 0; }
 
-SOCKERR RPCSOCK::Wait4R(PSOCKETSETS sets) {
+SOCKERR RPCSOCK::Wait4R(PSOCKETSETS) {
   const SOCKET s = sock.load(std::memory_order_relaxed);
   LOG(4, ("Check read  %d ", s));
-  if (!MayWatch(s)) return ERR_NEW_DATA_SOCKET;
-  FD_SET(s, &sets->sRead);
+  if (s == INVALID_SOCKET) return ERR_NEW_DATA_SOCKET;
+  wanted |= EPOLLIN;
   return 0;
 }
 
-SOCKERR RPCSOCK::Wait4W(PSOCKETSETS sets) {
+SOCKERR RPCSOCK::Wait4W(PSOCKETSETS) {
   const SOCKET s = sock.load(std::memory_order_relaxed);
   LOG(4, ("Check write %d ", s));
-  if (!MayWatch(s)) return ERR_NEW_DATA_SOCKET;
-  FD_SET(s, &sets->sWrite);
+  if (s == INVALID_SOCKET) return ERR_NEW_DATA_SOCKET;
+  wanted |= EPOLLOUT;
   return 0;
 }
 
-SI4 RPCSOCK::Ready4R(PSOCKETSETS sets) {
-  const SOCKET s = sock.load(std::memory_order_relaxed);
-  const SI4 ready = isValid() && CanWatch(s) && FD_ISSET(s, &sets->sRead) ? 1 : 0;
-  LOG(4, ("%d Ready %d for read", s, ready));
-  return ready;
+SOCKERR RPCSOCK::Settle(PSOCKETSETS sets) {
+  ready = 0;
+  if (wanted == watched || !sets->IsOwnProcess()) return 0;
+  assert(!pWatching || pWatching == sets);
+  pWatching = sets;
+  return Change(wanted);
 }
 
-SI4 RPCSOCK::Ready4W(PSOCKETSETS sets) {
-  const SOCKET s = sock.load(std::memory_order_relaxed);
-  const SI4 ready = isValid() && CanWatch(s) && FD_ISSET(s, &sets->sWrite) ? 1 : 0;
-  LOG(4, ("%d Ready %d for write", s, ready));
-  return ready;
+SI4 RPCSOCK::Ready4R(PSOCKETSETS) {
+  const bool is = (watched & EPOLLIN) != 0 && ((ready & EPOLLIN) != 0 || PendingRead() != 0);
+  LOG(4, ("%d Ready %d for read", sock.load(std::memory_order_relaxed), is));
+  return is;
+}
+
+SI4 RPCSOCK::Ready4W(PSOCKETSETS) {
+  const bool is = (watched & ready & EPOLLOUT) != 0;
+  LOG(4, ("%d Ready %d for write", sock.load(std::memory_order_relaxed), is));
+  return is;
 }
 
 PAA RPCSOCK::paaCert(bool) {
@@ -352,11 +423,8 @@ SI4 RPCSOCK::Subject(PCH1 buf, UI4 size) {
   return 0;
 }
 
-// Takes an open descriptor over, or closes one that the work thread could never watch: an object
-// with such a socket would hang unseen.
 void RPCSOCK::Adopt(SOCKET s) {
-  if (!MayWatch(s)) {
-    if (s >= 0) closesocket(s);
+  if (s < 0) {
     lError = ERR_NEW_DATA_SOCKET;
     return;
   }
@@ -368,4 +436,18 @@ SOCKERR RPCSOCK::SetOption(int level, int option, int value) {
   MUTEXHOLD hold(Lock);
   const SOCKET s = sock.load(std::memory_order_relaxed);
   return setsockopt(s, level, option, &value, sizeof value) == 0 ? 0 : errno;
+}
+
+// Tells the kernel what to watch for from now on. Either that or what it watches for is not 0.
+SOCKERR RPCSOCK::Change(UI4 events) {
+  const int how = watched == 0 ? EPOLL_CTL_ADD : events == 0 ? EPOLL_CTL_DEL : EPOLL_CTL_MOD;
+  epoll_event event = {};
+  event.events = events;
+  event.data.ptr = this;
+  if (epoll_ctl(pWatching->epoll, how, sock.load(std::memory_order_relaxed), &event) != 0) {
+    SockErrLog(errno, "epoll_ctl");
+    return ERR_NEW_DATA_SOCKET;
+  }
+  watched = events;
+  return 0;
 }

@@ -1,12 +1,17 @@
 // socket.h - one non-blocking socket, and the wait for all of them.
 //
-// A turn of the work thread: Clear the sets, let every object mark what it wants (Wait4R, Wait4W,
-// WakeAt), SfWait once, then ask each object what is ready (Ready4R, Ready4W).
+// A turn of the work thread: SfWait once, ask each socket that it brought what is ready (Ready4R,
+// Ready4W), then let its object say what it wants from now on: Want nothing, Wait4R, Wait4W,
+// Settle. What is wanted stays until it is said anew, and the kernel is told of changes alone.
+//
+// A forked process shares the kernel's set with its parent. It never touches the set: sockets that
+// it closes only close their descriptors.
 #pragma once
 
 #include <netinet/in.h>
-#include <sys/select.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <atomic>
 
@@ -34,29 +39,64 @@ enum PROTOCOL : UI4 {
   PMAX
 };
 
-/// The state of one turn's wait. Belongs to the work thread.
-struct SOCKETSETS {
-  SI4 cntBuffered;  ///< sockets that hold readable data in user space, which the wait cannot see
-  F8 deadline;      ///< Micros of the earliest thing that must happen by itself; 0 for none
-  fd_set sRead;
-  fd_set sWrite;
+class RPCSOCK;
+using PRPCSOCK = RPCSOCK*;
+
+/// The wait of one root: what its sockets want, and what the last wait has brought.
+///
+/// Owner:   the root. Outlives the sockets that are watched by it.
+/// Threads: the work thread's role; SfWait the work thread itself, outside the role. The wait that
+///          is going on sees what changes in the set meanwhile. cntBuffered and deadline are the
+///          work thread's alone, as SfWait reads them: another holder of the role wakes it up.
+/// Errors:  Open: errno.
+class SOCKETSETS {
+ public:
+  static constexpr SI4 kEvents = 256;  // at most, of one wait; the next one brings the others
+
+  SOCKETSETS() = default;
+  ~SOCKETSETS();
+  SOCKETSETS(const SOCKETSETS&) = delete;
+  SOCKETSETS& operator=(const SOCKETSETS&) = delete;
+
+  /// Once.
+  [[nodiscard]] SOCKERR Open();
+  /// After a fork, in the child: closes its copy.
+  void CloseAfterFork();
+  /// False in a forked process, which must leave the set alone.
+  bool IsOwnProcess() const;
+
+  /// What the last SfWait has brought, from 0 to less than *count. Noted in the socket, and the
+  /// owner that Watch has told is the result; null for a socket that has left the set since, and
+  /// behind the last one. Before anything is freed: a socket that has gone can't be told from one
+  /// that is there.
+  PVOID Brought(SI4 i);
+
+  SI4 cntBuffered = 0;  ///< sockets with readable data in user space, which the wait cannot see
+  F8 deadline = 0;      ///< Micros of the earliest thing that must happen by itself; 0 for none
 
   /// The wait ends at this time at the latest; the smallest asked for counts.
   void WakeAt(F8 micros) {
     if (deadline == 0 || micros < deadline) deadline = micros;
   }
+
+ private:
+  friend class RPCSOCK;
+  friend SOCKERR SfWait(SOCKETSETS* sets, UI4 seconds, PSI4 count);
+
+  int epoll = -1;   // owned
+  UI4 mark = 0;     // of the process that has opened it
+  SI4 brought = 0;  // by the last wait: so many of the events
+  epoll_event events[kEvents] = {};
 };
 using PSOCKETSETS = SOCKETSETS*;
 
-/// Can the wait watch this descriptor? Others must never reach the sets.
-bool CanWatch(SOCKET sock);
-
-/// Starts a turn: nothing wanted, nothing buffered, no deadline.
+/// Starts a turn: nothing buffered, no deadline. What the sockets want stays.
 void Clear(PSOCKETSETS sets);
 
 /// The one wait: until something is ready, the deadline has come or the seconds are over; it only
-/// polls when something is buffered. *count is what is ready, buffered sockets included, or -1
-/// after a signal, which is no error. After a failure or a signal nothing in the sets is ready.
+/// polls when something is buffered. *count is the number of sockets that it has brought, which
+/// Brought tells one by one, plus cntBuffered; -1 after a signal, which is no error, and -1 after a
+/// failure, whose errno is the result. Those two have brought nothing.
 [[nodiscard]] SOCKERR SfWait(PSOCKETSETS sets, UI4 seconds, PSI4 count);
 
 /// Takes one connection, not blocking and without delay. 0 with INVALID_SOCKET means that there is
@@ -66,9 +106,6 @@ void Clear(PSOCKETSETS sets);
 
 /// Records a failing system call in the log, whatever the trace level.
 void SockErrLog(int error, PCH10 function);
-
-class RPCSOCK;
-using PRPCSOCK = RPCSOCK*;
 
 /// A plain socket; a secure one derives from it.
 ///
@@ -81,8 +118,7 @@ using PRPCSOCK = RPCSOCK*;
 ///          system's number is returned as it is.
 class RPCSOCK {
  public:
-  /// Adopts an open descriptor. One that cannot be watched is closed and leaves
-  /// ERR_NEW_DATA_SOCKET, as in the next constructor.
+  /// Adopts an open descriptor. A negative one leaves ERR_NEW_DATA_SOCKET.
   explicit RPCSOCK(SOCKET adopted);
   /// Connects, and blocks for it, or listens, or makes a datagram socket. type is SOCK_STREAM or
   /// SOCK_DGRAM.
@@ -117,6 +153,12 @@ class RPCSOCK {
   /// One receive into what the buffer has room for. 0 without progress means: wait again.
   /// ERR_CLOSED is the peer's orderly close.
   [[nodiscard]] virtual SOCKERR Read(PBUFFER b);
+  /// One receive into several pieces, filled one after the other; otherwise as Read. *got is what
+  /// came: 0 when there was nothing yet, and less than asked for when there is no more just now.
+  [[nodiscard]] virtual SOCKERR ReadV(const iovec* pieces, int count, size_t* got);
+  /// One send of several pieces, as if they were one. *sent may be less than there is, and 0 when
+  /// the socket takes nothing now. ERR_SEND.
+  [[nodiscard]] virtual SOCKERR WriteV(const iovec* pieces, int count, size_t* sent);
   /// One datagram. An empty one gives ERR_CLOSED.
   [[nodiscard]] virtual SI4 RecvFrom(PBUFFER b, PQLNSOCKADDR addr);
   /// One send of the buffer's next piece; a short one is no error. A buffer that fails to refill
@@ -129,11 +171,25 @@ class RPCSOCK {
   virtual SOCKERR Shutdown();
   [[nodiscard]] virtual SOCKERR Handshake(bool server);
 
-  /// ERR_NEW_DATA_SOCKET when the socket is closed or cannot be watched.
+  /// Says whose socket this is: Brought answers that. Before the first Settle, and again when
+  /// another takes it over.
+  void Watch(PVOID owner) { pOwner = owner; }
+  /// Begins to say anew what is wanted.
+  void Want() { wanted = 0; }
+  /// ERR_NEW_DATA_SOCKET when the socket is closed.
   virtual SOCKERR Wait4R(PSOCKETSETS sets);
   virtual SOCKERR Wait4W(PSOCKETSETS sets);
+  /// Makes the kernel watch for what was wanted since Want: a system call if that is a change, and
+  /// none in a forked process. A socket that wants nothing is out of the set, so that a peer's end
+  /// does not wake the root again and again. Forgets what the last wait has brought.
+  /// ERR_NEW_DATA_SOCKET when the kernel cannot watch it: what it watched for before stays.
+  [[nodiscard]] SOCKERR Settle(PSOCKETSETS sets);
+  /// What the last wait has brought for this socket, of what it is watched for. Data in user space
+  /// counts as readable, an error and the end of both directions as ready for everything.
   virtual SI4 Ready4R(PSOCKETSETS sets);
   virtual SI4 Ready4W(PSOCKETSETS sets);
+  /// What the kernel watches for: EPOLLIN, EPOLLOUT.
+  UI4 Watched() const { return watched; }
 
   /// The certificate of one side, which the caller owns; an empty vector here.
   virtual PAA paaCert(bool local);
@@ -150,9 +206,18 @@ class RPCSOCK {
   MUTEX Lock;  // sock against CloseSocket, for all threads but the work thread; paaInfo
 
  private:
+  friend class SOCKETSETS;
+
   void Adopt(SOCKET s);
   SOCKERR SetOption(int level, int option, int value);
+  SOCKERR Change(UI4 events);
 
   std::atomic<SOCKET> sock{INVALID_SOCKET};
+  // The work thread's role, or whoever owns the socket alone.
+  PVOID pOwner = nullptr;           // borrowed
+  PSOCKETSETS pWatching = nullptr;  // borrowed; where it is watched, the same for life
+  UI4 wanted = 0;                   // EPOLLIN, EPOLLOUT
+  UI4 watched = 0;                  // the same, as the kernel knows it; 0 when it is not in the set
+  UI4 ready = 0;                    // the same, of what the last wait has brought
   PAA paaInfo[2] GUARDED_BY(Lock) = {nullptr, nullptr};  // owned counts: local end, peer
 };

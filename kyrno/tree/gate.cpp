@@ -53,17 +53,25 @@ void GATE::Retire(RETIRED* object) {
   current = object;
 }
 
-bool GATE::Collect() {
+bool GATE::Collect(void (*forget)(void*), void* p) {
   // Twice at most: with nobody inside, what was retired a moment ago goes at once.
   for (int i = 0; i < 2 && (limbo || current); ++i) {
     const UI4 now = epoch.load(std::memory_order_relaxed);
     if (inside[(now - 1) & 1].load(std::memory_order_seq_cst) != 0) break;
+    if (limbo && forget) forget(p);
     limbo = Free(limbo);
     limbo = current;
     current = nullptr;
     epoch.store(now + 1, std::memory_order_seq_cst);
   }
   return limbo || current;
+}
+
+UI4 GATE::Advance() {
+  const UI4 now = epoch.load(std::memory_order_relaxed);
+  if (!limbo && !current && inside[(now - 1) & 1].load(std::memory_order_seq_cst) == 0)
+    epoch.store(now + 1, std::memory_order_seq_cst);
+  return now;
 }
 
 void GATE::FreeAll() {

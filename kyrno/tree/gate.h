@@ -23,7 +23,8 @@
 
 /// Something that waits to be freed.
 ///
-/// Threads: linked and freed by the work thread, or by the unloading thread once that has ended.
+/// Threads: linked and freed in the work thread's role, or by the unloading thread once that has
+///          ended.
 class RETIRED {
  public:
   virtual ~RETIRED() = default;
@@ -37,7 +38,8 @@ class RETIRED {
 };
 
 /// Owner:   counted; Release gives one reference up.
-/// Threads: Enter, Leave, Park, Unpark, AddRef, Release: any. Retire, Collect: work thread.
+/// Threads: Enter, Leave, Park, Unpark, AddRef, Release: any. Retire, Collect: the work thread's
+///          role; whoever has it may be inside.
 /// Errors:  none.
 class GATE {
  public:
@@ -65,8 +67,13 @@ class GATE {
 
   /// Takes an unlinked object over, to free it when nobody can look at it any more.
   void Retire(RETIRED* object) WORK_ONLY;
-  /// Frees what may be freed. True when something is left for a later call.
-  bool Collect() WORK_ONLY;
+  /// Frees what may be freed. Before that, when nobody who could still point to it is inside,
+  /// `forget` is called, to drop what points to unlinked nodes. True when something is left for a
+  /// later call.
+  bool Collect(void (*forget)(void*) = nullptr, void* p = nullptr) WORK_ONLY;
+  /// Ends the present epoch if it can end and nothing is retired; answers its number.
+  UI4 Advance() WORK_ONLY;
+  bool HasRetired() const WORK_ONLY { return limbo || current; }
   /// Frees everything: nobody is inside and no work thread runs.
   void FreeAll();
 
@@ -80,8 +87,8 @@ class GATE {
   std::atomic<UI4> epoch{0};
   std::atomic<SI4> inside[2] = {0, 0};  // by the parity of the epoch of entry
   std::atomic<SI4> parked{0};
-  RETIRED* limbo = nullptr;    // owned; retired in earlier epochs; work thread
-  RETIRED* current = nullptr;  // owned; retired in this epoch; work thread
+  RETIRED* limbo = nullptr;    // owned; retired in earlier epochs; work thread's role
+  RETIRED* current = nullptr;  // owned; retired in this epoch; work thread's role
 
   // Only for the unloading thread, which sleeps here until the last one has left.
   pthread_mutex_t emptyLock = PTHREAD_MUTEX_INITIALIZER;

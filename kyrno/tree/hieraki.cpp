@@ -1,16 +1,21 @@
 // hieraki.cpp - the tree of named nodes.
 #include "kyrno/tree/hieraki.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstring>
 #include <new>
 
 #include "kyrno/base/log.h"
+#include "kyrno/tree/readyqueue.h"
 #include "kyrno/tree/rpcobjs.h"
 
 static constexpr UI4 MODULE = 0x00000040;
 
 namespace {
+
+constexpr UI8 kStep = UI8{1} << 32;  // between the order numbers of two siblings, if there is room
+constexpr UI8 kSteps = 1024;         // for which room is left otherwise
 
 class TSA(scoped_lockable) READHOLD {
  public:
@@ -36,26 +41,39 @@ class TSA(scoped_lockable) WRITEHOLD {
   CMutexRW& held;
 };
 
-}  // namespace
+/// The lock of a ready queue, taken behind that of the ring. A tree without a root has none: to the
+/// analysis it is held all the same, and its users test for null.
+class TSA(scoped_lockable) QUEUEHOLD {
+ public:
+  explicit QUEUEHOLD(READYQUEUE* queue) TSA(acquire_capability(queue->Lock))
+      TSA(no_thread_safety_analysis)
+      : held(queue) {
+    if (held) held->Lock.Lock();
+  }
+  ~QUEUEHOLD() TSA(release_capability()) TSA(no_thread_safety_analysis) {
+    if (held) held->Lock.Unlock();
+  }
+  QUEUEHOLD(const QUEUEHOLD&) = delete;
+  QUEUEHOLD& operator=(const QUEUEHOLD&) = delete;
 
-CMutexRW::CMutexRW() {
-  pthread_rwlockattr_t attr;
-  pthread_rwlockattr_init(&attr);
-  // A crowd of pollers must not keep a thread from adding a node.
-  pthread_rwlockattr_setkind_np(&attr, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
-  pthread_rwlock_init(&lock, &attr);
-  pthread_rwlockattr_destroy(&attr);
-}
+ private:
+  READYQUEUE* held;
+};
+
+}  // namespace
 
 HIERAKI::HIERAKI(PCH10 name, PRPCOBJS obj) : pObj(obj) {
   strncpy(Name, name, kMaxName);
   Name[kMaxName] = 0;
   memcpy(Magic, MagicString, sizeof Magic);
+  if (!obj) return;
+  obj->pItem = this;
+  pQueue = obj->OwnQueue();
 }
 
 HIERAKI::~HIERAKI() {
   LOG(2, ("Deleting: %s", Name));
-  if (PHIERAKI const last = pSub.load(std::memory_order_acquire)) {
+  if (PHIERAKI const last = LastSub()) {
     PHIERAKI t = last->Next();
     while (t != last) {
       PHIERAKI const next = t->Next();
@@ -83,11 +101,11 @@ PHIERAKI HIERAKI::FirstChild() {
 }
 
 PHIERAKI HIERAKI::Ends(PHIERAKI* last) {
-  if (!pSub.load(std::memory_order_acquire)) return nullptr;
+  if (!LastSub()) return nullptr;
   // Under the lock: while a node is being added, the one before it is followed by the new one, and
   // a walk that took that for the oldest would send the newest message first.
   READHOLD hold(lock);
-  *last = pSub.load(std::memory_order_acquire);
+  *last = LastSub();
   return *last ? (*last)->Next() : nullptr;
 }
 
@@ -115,59 +133,106 @@ PHIERAKI HIERAKI::AddNew(PCH10 name, PRPCOBJS obj) {
 
   {
     WRITEHOLD hold(parent->lock);
-    if (!parent->IsTaken(leaf)) {
-      node->pParent.store(parent, std::memory_order_release);
-      PHIERAKI const last = parent->pSub.load(std::memory_order_acquire);
-      if (last) {
-        node->pNext.store(last->Next(), std::memory_order_release);
-        last->pNext.store(node, std::memory_order_release);
-      }
-      parent->pSub.store(node, std::memory_order_release);
+    if (parent->IsLinked() && !parent->IsTaken(leaf)) {
+      parent->Link(node);
+      parent->names.Add(parent, node);
       return node;
     }
   }
   LOG(1, ("%s (%s)", "Name exists", leaf));
+  if (obj) obj->pItem = nullptr;
   node->pObj.store(nullptr, std::memory_order_release);
   delete node;
   return nullptr;
 }
 
+void HIERAKI::Link(PHIERAKI child) {
+  child->pParent.store(this, std::memory_order_release);
+  child->pQueue = pQueue;
+
+  QUEUEHOLD hold(pQueue);
+  if (PHIERAKI const last = LastSub()) {
+    if (Room() == 0) {
+      Renumber();
+      if (pQueue) pQueue->Renumbered(this);
+    }
+    const UI8 step = std::clamp<UI8>(Room() / kSteps, 1, kStep);
+    child->order.store(last->Order() + step, std::memory_order_relaxed);
+    PHIERAKI const first = last->Next();
+    child->pPrev = last;
+    child->pNext.store(first, std::memory_order_release);
+    first->pPrev = child;
+    last->pNext.store(child, std::memory_order_release);
+  }
+  pSub.store(child, std::memory_order_release);
+  if (pQueue) pQueue->Linked(child);
+}
+
+UI8 HIERAKI::Room() const {
+  PHIERAKI const last = LastSub();
+  // Modulo 2^64: an only child leaves all numbers but its own.
+  return last->Next()->Order() - last->Order() - 1;
+}
+
+void HIERAKI::Renumber() {
+  PHIERAKI const last = LastSub();
+  PHIERAKI t = last;
+  UI8 number = 0;
+  do {
+    t = t->Next();
+    t->order.store(number, std::memory_order_relaxed);
+    number += kStep;
+  } while (t != last);
+}
+
 void HIERAKI::Unlink(PHIERAKI child) {
   WRITEHOLD hold(lock);
-  PHIERAKI const last = pSub.load(std::memory_order_acquire);
-  if (!last) return;
-  PHIERAKI before = last;
-  while (before->Next() != child) {
-    before = before->Next();
-    if (before == last) return;
+  if (child->Parent() != this || !child->IsLinked()) return;
+  {
+    QUEUEHOLD holdQueue(pQueue);
+    if (pQueue) pQueue->Leaves(child);
+    PHIERAKI const before = child->pPrev;
+    PHIERAKI const behind = child->Next();
+    // The anchor first: a child process that was forked in between finds a ring that ends.
+    if (child == LastSub())
+      pSub.store(before == child ? nullptr : before, std::memory_order_release);
+    if (before != child) before->pNext.store(behind, std::memory_order_release);
+    behind->pPrev = before;
+    child->linked.store(false, std::memory_order_release);
   }
-  if (before == child) {
-    pSub.store(nullptr, std::memory_order_release);
-    return;
-  }
-  // The anchor first: a child process that was forked in between finds a ring that ends.
-  if (child == last) pSub.store(before, std::memory_order_release);
-  before->pNext.store(child->Next(), std::memory_order_release);
+  names.Remove(child);
+}
+
+void HIERAKI::Shut() {
+  // Under the lock: a child is either there for the walk that follows, or is not added.
+  WRITEHOLD hold(lock);
+  linked.store(false, std::memory_order_release);
 }
 
 PHIERAKI HIERAKI::SetSub(PHIERAKI h) {
   WRITEHOLD hold(lock);
-  PHIERAKI const last = pSub.load(std::memory_order_acquire);
-  if (!last) return nullptr;
+  PHIERAKI const last = LastSub();
   // Found before the lock was taken, h may have been unlinked since.
-  PHIERAKI t = last;
-  do {
-    t = t->Next();
-    if (t == h) pSub.store(h, std::memory_order_release);
-  } while (t != h && t != last);
+  if (h == last || h->Parent() != this || !h->IsLinked()) return last;
+  QUEUEHOLD holdQueue(pQueue);
+  pSub.store(h, std::memory_order_release);
+  // What a search finds below this node depends on where it begins.
+  if (pQueue) pQueue->UpdateLocked(this);
   return last;
+}
+
+PRPCOBJS HIERAKI::Replace(PRPCOBJS obj) {
+  obj->pItem = this;
+  PRPCOBJS const old = pObj.exchange(obj, std::memory_order_acq_rel);
+  if (pQueue) pQueue->Update(this);
+  return old;
 }
 
 PHIERAKI HIERAKI::LoopSub(PFNH fn, void* p) {
   CheckMagic();
-  if (!pSub.load(std::memory_order_acquire)) return nullptr;
+  if (!LastSub()) return nullptr;
   READHOLD hold(lock);
-  PHIERAKI const last = pSub.load(std::memory_order_acquire);
+  PHIERAKI const last = LastSub();
   if (!last) return nullptr;
   PHIERAKI t = last;
   for (;;) {
@@ -183,13 +248,15 @@ bool HIERAKI::IsNamed(PCH10 name, size_t len) const {
 }
 
 PHIERAKI HIERAKI::FindChild(PCH10 name, size_t len) {
-  if (!pSub.load(std::memory_order_acquire)) return nullptr;
+  if (!LastSub()) return nullptr;
   READHOLD hold(lock);
   return FindHeld(name, len);
 }
 
 PHIERAKI HIERAKI::FindHeld(PCH10 name, size_t len) {
-  PHIERAKI const last = pSub.load(std::memory_order_acquire);
+  PHIERAKI found = nullptr;
+  if (names.Find(name, len, &found)) return found;
+  PHIERAKI const last = LastSub();
   if (!last) return nullptr;
   PHIERAKI t = last;
   do {
@@ -288,7 +355,11 @@ PHIERAKI HIERAKI::Remove(PHIERAKI ring, PHIERAKI h) {
 
 void HIERAKI::ForkedChild() {
   new (&lock) CMutexRW;
-  PHIERAKI const last = pSub.load(std::memory_order_acquire);
+  {
+    WRITEHOLD hold(lock);
+    names.Abandon();
+  }
+  PHIERAKI const last = LastSub();
   if (!last) return;
   PHIERAKI t = last;
   do {

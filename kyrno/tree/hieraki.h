@@ -8,27 +8,37 @@
 //
 // The children of a node form a ring, oldest first behind pSub:
 //
-//   pSub -> newest -> oldest -> ... -> newest        (through pNext)
+//   pSub -> newest -> oldest -> ... -> newest        (through pNext, back through pPrev)
+//
+// Each child has an order number. Around the ring the numbers grow, up to one place where they
+// wrap: of two children the one with the smaller distance from the oldest comes first. So two
+// children are compared without a walk (Place).
 //
 // Who may do what:
 //   - A thread inside the root's gate may keep a node that it has found; it never meets freed
 //     memory, though the node may have been unlinked meanwhile.
-//   - Interpreter threads walk a ring under the read lock of its parent, and add under its write
-//     lock. Locks go top down and are never held across anything that blocks.
-//   - The work thread alone unlinks, under the write lock, holding no other. Therefore its own
-//     walks need no lock while they go: a ring can only grow meanwhile.
+//   - The shape of a ring changes under both the write lock of its parent and the lock of the
+//     root's ready queue, in this order; who holds either of them may walk it.
+//   - Interpreter threads add. The work thread alone unlinks. Therefore its own walks need no lock
+//     while they go: a ring can only grow meanwhile.
 #pragma once
-
-#include <pthread.h>
 
 #include <atomic>
 
 #include "kyrno/annotate.h"
+#include "kyrno/base/sharedmutex.h"
 #include "kyrno/tree/gate.h"
+#include "kyrno/tree/nameindex.h"
+#include "kyrno/tree/readyentry.h"
+#include "kyrno/tree/timers.h"
+#include "kyrno/tree/touched.h"
 #include "sys/linux/qlntypes.h"
+#include "util/pool.h"
 
 class RPCOBJS;
 class HIERAKI;
+class READYQUEUE;
+struct THREADSEM;
 using PRPCOBJS = RPCOBJS*;
 using PHIERAKI = HIERAKI*;
 
@@ -39,24 +49,6 @@ inline constexpr SI4 kMaxName = 32;        // characters of a name
 inline constexpr SI4 kFullNameSize = 198;  // what callers give FullName, terminator not counted
 inline constexpr CH1 MagicString[] = "Quillon0";
 
-/// Readers/writer lock of one ring. A waiting writer goes ahead of new readers; no thread takes the
-/// same lock twice.
-class TSA(capability("shared_mutex")) CMutexRW {
- public:
-  CMutexRW();
-  ~CMutexRW() { pthread_rwlock_destroy(&lock); }
-  CMutexRW(const CMutexRW&) = delete;
-  CMutexRW& operator=(const CMutexRW&) = delete;
-
-  void Lock_DataRead() TSA(acquire_shared_capability()) { pthread_rwlock_rdlock(&lock); }
-  void Unlock_DataRead() TSA(release_shared_capability()) { pthread_rwlock_unlock(&lock); }
-  void Lock_DataWrite() TSA(acquire_capability()) { pthread_rwlock_wrlock(&lock); }
-  void Unlock_DataWrite() TSA(release_capability()) { pthread_rwlock_unlock(&lock); }
-
- private:
-  pthread_rwlock_t lock;
-};
-
 /// A node.
 ///
 /// Owner:   its parent's ring; the ring of roots for a root; the gate once it has been unlinked.
@@ -64,7 +56,7 @@ class TSA(capability("shared_mutex")) CMutexRW {
 /// Threads: see above; each operation says when it is different.
 /// Errors:  a node whose Magic is damaged ends the process by an assertion: it is the library's own
 ///          fault, and the only alternative is to work on freed memory.
-class HIERAKI : public RETIRED {
+class HIERAKI : public RETIRED, public POOLED {
  public:
   /// A lone node that owns obj, which may be null. The name is cut at 32 characters.
   HIERAKI(PCH10 name, PRPCOBJS obj);
@@ -85,11 +77,22 @@ class HIERAKI : public RETIRED {
   /// Null when the parent doesn't exist, the name is taken or empty, or memory is short: the caller
   /// still owns obj then.
   PHIERAKI AddNew(PCH10 name, PRPCOBJS obj);
-  /// Unlinks a child. It keeps its own pNext, so that a walk that stands on it goes on.
+  /// Unlinks a child, in constant time. It keeps its own pNext, so that a walk that stands on it
+  /// goes on. It leaves the ready queue too.
   void Unlink(PHIERAKI child);
   /// Makes h, a child, the last one of the ring: the next walk begins behind it. Does nothing when
   /// h is no child any more. The old last one is the result.
   PHIERAKI SetSub(PHIERAKI h);
+  /// False once the node has been unlinked, or one above it.
+  bool IsLinked() const { return linked.load(std::memory_order_acquire); }
+  /// What is below an unlinked node: takes no children any more.
+  void Shut() WORK_ONLY;
+
+  /// Puts another object in the place of the present one, which is the result and still the
+  /// caller's to retire. All that belongs to the node stays with it: its name and children, the
+  /// touched mark, the time limit, the place among the waiters; the entry in the ready queue
+  /// follows the new object's state.
+  PRPCOBJS Replace(PRPCOBJS obj) WORK_ONLY;
 
   /// Walks the children, oldest first, under the read lock.
   PHIERAKI LoopSub(PFNH fn, void* p);
@@ -115,6 +118,18 @@ class HIERAKI : public RETIRED {
   /// Deliberate: a name of 32 characters comes out with the eight of Magic behind it, as ever.
   SI4 FullName(PCH1 buf, SI4 size);
 
+  // --- for whoever holds the lock of the ready queue
+  /// The last child; the walk `for (h = last->Next(); ; h = h->Next())` ends with it.
+  PHIERAKI LastSub() const { return pSub.load(std::memory_order_acquire); }
+  /// How far behind the oldest a child of this node stands, comparable with its siblings'.
+  UI8 Place(const HIERAKI* child) const {
+    // The last one has the largest number of all, so the walk begins with the number behind it.
+    return child->order.load(std::memory_order_relaxed) -
+           LastSub()->order.load(std::memory_order_relaxed) - 1;
+  }
+  UI8 Order() const { return order.load(std::memory_order_relaxed); }
+  bool HasSub() const { return LastSub() != nullptr; }
+
   // --- the ring of roots: no parent, guarded by whoever owns the anchor. A null ring is empty.
   static PHIERAKI Add(PHIERAKI ring, PHIERAKI h);
   static PHIERAKI Find(PHIERAKI ring, PCH10 name);
@@ -123,20 +138,44 @@ class HIERAKI : public RETIRED {
   /// After a fork: the child can't trust locks that other threads held. Unlocks the whole subtree.
   void ForkedChild();
 
+  READYENTRY Ready;                       // guarded by the lock of the ready queue
+  TOUCHENTRY Touched;                     // see touched.h
+  TIMER Timer WORK_DATA{this};            // time limit of the object, see timers.h
+  PHIERAKI pNextDue WORK_DATA = nullptr;  // of the nodes that are to have their turn, see work.h
+  bool isDue WORK_DATA = false;
+  std::atomic<THREADSEM*> pWaiting{nullptr};  // borrowed; written under the lock of the wait pool
+  /// The ready queue of the root above; null in a tree without a root. Constant once linked.
+  READYQUEUE* pQueue = nullptr;
+  /// Children that were picked and are still being delivered. Tally, with a single order of its
+  /// own: see READYQUEUE::Delivered.
+  std::atomic<SI4> Delivering{0};
+
   // Clean-up duty towards an ancestor of this type, done when the node is unlinked; guarded by that
   // ancestor's own lock.
   std::atomic<SI4> CleanUpCount{0};
 
  private:
+  friend class NAMEINDEX;  // its entry, and IsNamed
+
   /// The oldest child, and the newest in *last; null without any.
   PHIERAKI Ends(PHIERAKI* last);
   bool IsNamed(PCH10 name, size_t len) const;
   PHIERAKI FindHeld(PCH10 name, size_t len) TSA(requires_shared_capability(lock));
   bool IsTaken(PCH10 name) TSA(requires_shared_capability(lock));
   void CheckMagic() const;
+  /// Makes child the last one, in the ready queue too.
+  void Link(PHIERAKI child) TSA(requires_capability(lock));
+  /// How many order numbers are free between the last child and the oldest. There is one.
+  UI8 Room() const TSA(requires_shared_capability(lock));
+  void Renumber() TSA(requires_capability(lock));
 
-  CMutexRW lock;                           // guards the shape of the ring of children
-  std::atomic<PHIERAKI> pNext{this};       // next sibling; shared, guarded by the parent's lock
+  CMutexRW lock;                      // guards the shape of the ring of children
+  NAMEINDEX names GUARDED_BY(lock);   // of the children
+  NAMEENTRY nameEntry;                // guarded by the parent's lock
+  std::atomic<PHIERAKI> pNext{this};  // next sibling; shared, guarded by the parent's lock
+  PHIERAKI pPrev = this;              // sibling before, of children only; guarded as pNext
+  std::atomic<UI8> order{0};          // see above; shared, guarded by the parent's lock
+  std::atomic<bool> linked{true};
   std::atomic<PHIERAKI> pSub{nullptr};     // last child; shared, written under the write lock
   std::atomic<PHIERAKI> pParent{nullptr};  // constant once linked
   std::atomic<PRPCOBJS> pObj;              // owned

@@ -1,9 +1,10 @@
-// root.cpp - the root object: wake-ups, the work thread's start and end.
+// root.cpp - the root object: changes, wake-ups, the work thread's start, sleep and end.
 #include "kyrno/tree/root.h"
 
+#include <sched.h>
 #include <unistd.h>
 
-#include <cassert>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -17,24 +18,37 @@ static constexpr UI4 MODULE = 0x00000080;
 const PCH10 protocolname[PMAX] = {"ipv4", "ipv6", "ip"};
 
 namespace {
-constexpr time_t kPurgeSeconds = 60;
+
+constexpr UI4 kWaitSeconds = 300;
+constexpr F8 kQuickMicros = 10;   // an answer within this is one of a burst
+constexpr F8 kLongMicros = 200;   // how long a burst may leave changes
+constexpr UI4 kHelpRounds = 4;    // then the work thread goes on: others have more to do
+constexpr UI4 kCollectFrom = 64;  // nodes that are freed together
+
 }  // namespace
 
 ROOT::ROOT() : RPCOBJS(TRoot), pGate(new (std::nothrow) GATE) {}
 
 ROOT::~ROOT() {
+  AssumeWorkThread();  // it has ended, or never began
   LOG(2, ("Deleting Root"));
   delete pQlnThread;
   delete pWork;
   delete pClt;
+  free(pReadAhead);
   if (pGate) pGate->Release();
 }
 
 SI4 ROOT::RootInit(PHIERAKI item) {
+  AssumeWorkThread();  // it begins at the end of this
   if (!pGate) return ERR_MEMORY_ALLOC;
   pid = getpid();
+  if (const SI4 code = OpenReadAhead()) return code;
+  if (const SI4 code = Sets.ss.Open()) return code;
   const SI4 code = RPCSockPair(&pWork, &pClt);
   if (code) return code;
+  pWork->Watch(item);
+  MakeDue(item);
   pQlnThread = new (std::nothrow) QLNTHREAD(WorkThread, item);
   if (!pQlnThread) return ERR_MEMORY_ALLOC;
   if (pQlnThread->Ended) return ERR_WORKSYNC_RECV;
@@ -42,7 +56,97 @@ SI4 ROOT::RootInit(PHIERAKI item) {
   return 0;
 }
 
-bool ROOT::IsOwnProcess() const { return pid == getpid(); }
+SI4 ROOT::OpenReadAhead() {
+  pReadAhead = static_cast<PCH1>(malloc(kReadAhead));
+  return pReadAhead ? 0 : ERR_MEMORY_ALLOC;
+}
+
+void ROOT::ForkedChild() {
+  new (&Queue.Lock) MUTEX;
+  Waiters.ForkedChild();
+}
+
+void ROOT::CloseAfterFork() {
+  Sets.ss.CloseAfterFork();
+  if (pWork) closesocket(pWork->RawSocket());
+  if (pClt) closesocket(pClt->RawSocket());
+}
+
+// ---- changes
+
+SI4 ROOT::Changed(PHIERAKI node) {
+  if (const SI4 code = lErrorObj) return code;
+  Mark(node);
+  if (!IsOwnProcess()) return 0;
+  // Callbacks belong to the work thread.
+  if (UseFnsReady < 0) return Wake();
+  Help();
+  return 0;
+}
+
+SI4 ROOT::ChangedInBurst(PHIERAKI node, F8 now) {
+  if (!Queue.HasReady() || now - lastDelivery.load(std::memory_order_relaxed) > kQuickMicros ||
+      UseFnsReady < 0 || !IsOwnProcess())
+    return Changed(node);
+  if (const SI4 code = lErrorObj) return code;
+  Mark(node);
+  if (leftSince.load(std::memory_order_relaxed) == 0)
+    leftSince.store(now, std::memory_order_relaxed);
+  leftLately.store(true, std::memory_order_seq_cst);
+  return sleepsUntil.load(std::memory_order_seq_cst) > now + 2 * kTickMicros ? Wake() : 0;
+}
+
+void ROOT::Flush() {
+  if (IsTouched() && UseFnsReady >= 0 && IsOwnProcess()) Help();
+}
+
+void ROOT::FlushOld(F8 now) {
+  const F8 since = leftSince.load(std::memory_order_relaxed);
+  if (since > 0 && now - since > kLongMicros) Flush();
+}
+
+SI4 ROOT::ChangedSoon(PHIERAKI node) {
+  if (const SI4 code = lErrorObj) return code;
+  Mark(node);
+  return Wake();
+}
+
+SI4 ROOT::Dirty() {
+  if (const SI4 code = lErrorObj) return code;
+  lookAtAll.store(true, std::memory_order_seq_cst);
+  return Wake();
+}
+
+void ROOT::Help() {
+  for (UI4 round = 0; IsTouched(); ++round) {
+    // Without the role nothing is lost: who has it looks at the list after giving it up.
+    if (round == kHelpRounds || !Role.TryTake()) break;
+    TakeTouched();
+    RunDue();
+    if (retired >= kCollectFrom && !retiredSocket) Collect();
+    const F8 next = Timers.Next();
+    const bool forWork = pPending || pDue[0] || pDue[1] || retiredSocket ||
+                         (next > 0 && next < sleepsUntil.load(std::memory_order_acquire));
+    GiveRole();
+    if (forWork) Wake();
+  }
+  if (IsTouched()) Wake();
+}
+
+void ROOT::ReplaceFromCall(PHIERAKI node, RPCOBJS* fresh) {
+  while (!Role.TryTake()) sched_yield();
+  Replace(node, fresh);
+  RunDue();
+  const bool more = pDue[0] || pDue[1] || pPending;
+  GiveRole();
+  if (more) Wake();
+  Flush();
+}
+
+void ROOT::GiveRole() {
+  Role.Give();
+  Waiters.Post();
+}
 
 SI4 ROOT::WritePair(SI4 message) {
   BUFFER buffer(sizeof message, reinterpret_cast<PCH1>(&message));
@@ -50,16 +154,25 @@ SI4 ROOT::WritePair(SI4 message) {
   return pClt->Write(&buffer);
 }
 
-SI4 ROOT::Dirty() {
-  if (const SI4 code = lErrorObj) return code;
-  // The work thread clears the flag before it looks: what was changed before this line is either
-  // seen by the turn that has begun, or a wake-up for the next one is on its way.
-  if (wakePending.exchange(true, std::memory_order_acq_rel)) return 0;
+SI4 ROOT::Wake() {
+  if (!IsOwnProcess()) return 0;
+  wanted.store(true, std::memory_order_seq_cst);
+  // Only the first of a burst finds it asleep; and it looks at `wanted` before it sleeps.
+  if (!asleep.exchange(false, std::memory_order_seq_cst)) return 0;
   const SI4 code = WritePair(0);
   // Without memory nothing was written: the next one must try again.
-  if (code) wakePending.store(false, std::memory_order_release);
+  if (code) asleep.store(true, std::memory_order_seq_cst);
   // A pair that takes no more wakes the thread anyway.
   return code == ERR_SEND ? 0 : code;
+}
+
+SI4 ROOT::Sleep(SI4* brought) {
+  asleep.store(true, std::memory_order_seq_cst);
+  const bool more = IsTouched() || wanted.exchange(false, std::memory_order_seq_cst);
+  if (more) Sets.ss.WakeAt(1);
+  const SI4 code = SfWait(&Sets.ss, kWaitSeconds, brought);
+  asleep.store(false, std::memory_order_seq_cst);
+  return code;
 }
 
 void ROOT::Endwork() {
@@ -73,25 +186,20 @@ void ROOT::WorkEnded() {
   Waiters.WakeAll();
 }
 
-void ROOT::TurnBegins() { wakePending.exchange(false, std::memory_order_acq_rel); }
+// ---- the turn of the root's own node
 
-void ROOT::CloseAfterFork() {
-  if (pWork) closesocket(pWork->RawSocket());
-  if (pClt) closesocket(pClt->RawSocket());
+SI4 ROOT::Check(PFDSETS sets) {
+  pWork->Want();
+  if (const SI4 code = pWork->Wait4R(&sets->ss)) return code;
+  return pWork->Settle(&sets->ss);
 }
-
-SI4 ROOT::Check(PFDSETS sets) { return pWork->Wait4R(&sets->ss); }
 
 SI4 ROOT::Execute(PFDSETS sets) {
   if (sets->closeAllSockets) {
     pWork->CloseSocket();
     return 0;
   }
-  const time_t now = time(nullptr);
-  if (now > LastChecked + kPurgeSeconds) {
-    LastChecked = now;
-    Waiters.RemoveOld();
-  }
+  Housekeeping();
   if (!pWork->Ready4R(&sets->ss)) return 0;
 
   SI4 messages[64];

@@ -96,7 +96,7 @@ SI4 OpenNamed(PAA array, int* file) {
 
 }  // namespace
 
-RPCOBJS::RPCOBJS(OBJTYPE type) : Type(type), timeReady(Micros()), timeCreate(F8{timeReady}) {}
+RPCOBJS::RPCOBJS(OBJTYPE type, F8 now) : Type(type), timeReady(now), timeCreate(now) {}
 
 RPCOBJS::~RPCOBJS() { LOG(2, ("Deleting RpcObject")); }
 
@@ -107,7 +107,7 @@ SI4 RPCOBJS::Close(PHIERAKI item) {
     if (state == SReceiving || state == SSending) return ERR_OBJECT_ACTIVITY;
     if (Type == TRoot || state == SMarkedForDeletion || Exchange(now, SFinished)) break;
   }
-  return RootOf(item)->Dirty();
+  return RootOf(item)->ChangedSoon(item);
 }
 
 void RPCOBJS::Finish() {
@@ -221,14 +221,14 @@ SI4 RPCOBJS::GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* n
   return 0;
 }
 
-void RPCOBJS::MakeReady(PHIERAKI item, OBJSTATE ready) {
-  timeReady = Micros();
+void RPCOBJS::MakeReady(PHIERAKI item, OBJSTATE ready, F8 now) {
+  timeReady = now;
   SetState(ready);
   Ready4Apl(item);
 }
 
-void RPCOBJS::SettleReady(PHIERAKI item, OBJSTATE seized, OBJSTATE ready) {
-  timeReady = Micros();
+void RPCOBJS::SettleReady(PHIERAKI item, OBJSTATE seized, OBJSTATE ready, F8 now) {
+  timeReady = now;
   if (Settle(seized, ready)) Ready4Apl(item);
 }
 
@@ -244,7 +244,7 @@ void RPCOBJS::Ready4Apl(PHIERAKI item) {
   }
   for (PHIERAKI n = item->Parent(); n; n = n->Parent())
     if (RPCOBJS* const above = n->Obj()) above->ChildReady(item);
-  root->Waiters.WakeNearest(item);
+  root->Waiters.Note(item);
 }
 
 ROOT* RPCOBJS::RootOf(PHIERAKI item) { return static_cast<ROOT*>(item->Top()->Obj()); }

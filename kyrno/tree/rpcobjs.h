@@ -101,19 +101,13 @@ constexpr bool IsReadyState(OBJSTATE s) {
   return s == SIncoming || s == SAPL || s == SError || s == SAPLLast || s == SSent;
 }
 
-/// What one turn of the work thread hands to every object.
+/// What a turn in the work thread's role hands to every object. The root's, for its whole life.
 struct FDSETS {
-  SOCKETSETS ss;             // who waits for what, and what is ready
+  SOCKETSETS ss;  // what the sockets of the root want, and what the last wait has brought
   PHIERAKI pItem = nullptr;  // node of the object that is called
-  PBUFFER pRead = nullptr;   // what the children claimed of their connection's socket
-  PBUFFER pWrite = nullptr;
-  PHIERAKI phRead = nullptr;
-  PHIERAKI phWrite = nullptr;
-  bool holdRead = false;  // the claiming child wants no bytes just now
-  bool fConnectionClosed = false;
   bool endWorkThread = false;
   bool closeAllSockets = false;
-  UI4 cntFinished = 0;  // objects marked for deletion and not yet unlinked
+  F8 now = 0;  // Micros of the read that has brought what is cut into messages just now
 };
 using PFDSETS = FDSETS*;
 
@@ -126,10 +120,10 @@ using TPOOSFN = void (*)(PHIERAKI item);
 /// Threads: see the table above. Operations are the interpreter threads', inside the gate, unless
 ///          marked WORK_ONLY.
 /// Errors:  lErrorObj is for the application and comes out with the "Error" event.
-class RPCOBJS {
+class RPCOBJS : public RETIRED {
  public:
-  explicit RPCOBJS(OBJTYPE type);
-  virtual ~RPCOBJS();
+  explicit RPCOBJS(OBJTYPE type, F8 now = Micros());
+  ~RPCOBJS() override;
   RPCOBJS(const RPCOBJS&) = delete;
   RPCOBJS& operator=(const RPCOBJS&) = delete;
 
@@ -157,16 +151,27 @@ class RPCOBJS {
                                            PUI4* ppZ);
   /// The buffer whose counts a listing shows; null for none. The caller only reads the counts.
   virtual PBUFFER GetBuffer() { return nullptr; }
+  /// What is to go out for this object; null for nothing.
+  virtual PBUFFER Outgoing() { return nullptr; }
 
-  /// The turn, on the way down, back up, and after the wait: see work.h.
+  /// The turn: see work.h. Of what has no socket of its own, Check alone is called, when it was
+  /// touched; it tells the connection above what it has to send or wants to receive.
   virtual SI4 Setinfo(PFDSETS) WORK_ONLY { return 0; }
-  virtual SI4 Check(PFDSETS) WORK_ONLY { return 0; }
   virtual SI4 Execute(PFDSETS) WORK_ONLY { return 0; }
+  virtual SI4 Check(PFDSETS) WORK_ONLY { return 0; }
+  /// Its node has just been unlinked, or the one above: gives up its socket, or its place in the
+  /// connection above.
+  virtual void Leave(PHIERAKI) WORK_ONLY {}
+  /// Another object had this one's node until now: takes over what goes on there. The other one
+  /// stays as it is for threads that still look at it, and does nothing any more.
+  virtual void TakeOver(RPCOBJS* from) WORK_ONLY { (void)from; }
+  /// For sanitizer builds: nothing is left that the work thread would have to do for this object.
+  virtual bool IsSettled(PHIERAKI) WORK_ONLY { return true; }
   /// The connection above has ended. True when this object has nothing left to report because of
   /// that; false to be asked again next turn.
   virtual bool ConnectionEnded(PHIERAKI item) WORK_ONLY;
   /// Finished: gives up what is still to come for it and below from the connection's stream. False
-  /// when something below is half sent: it has to go out first.
+  /// when it, or something below, is half sent: that has to go out first.
   virtual bool Abandon(PHIERAKI item) WORK_ONLY;
   /// Data from this object's child proved bad while it was delivered; called by the waiting thread.
   virtual void ChildFailed(PHIERAKI item, SI4 code);
@@ -177,11 +182,16 @@ class RPCOBJS {
   /// The callback of a root that works out of stream; null for none.
   virtual TPOOSFN Callback() { return nullptr; }
 
-  // --- the state word
+  /// The ready queue of a root's object; null for every other.
+  virtual READYQUEUE* OwnQueue() { return nullptr; }
+  /// A closed object that is no event of its own, because this side closes it.
+  virtual bool ClosesSilently() const { return false; }
+
+  // --- the state word. Each step that a search could notice goes on to the ready queue.
   OBJSTATE GetState() const { return ToState(word.load(std::memory_order_acquire)); }
   /// Hand-over: whoever sees the new state sees all that was written before it. For the one side to
   /// which the object belongs just now.
-  void SetState(OBJSTATE s) { word.store(s, std::memory_order_release); }
+  void SetState(OBJSTATE s) { Stored(word.exchange(s, std::memory_order_seq_cst), s); }
   /// One step that two threads could take. False when the state is another one or seized.
   bool Move(OBJSTATE from, OBJSTATE to) { return Exchange(from, to); }
   /// The same for a state that a pick may hold: the pick then finds that its own state came too
@@ -193,19 +203,21 @@ class RPCOBJS {
   /// Ends a seizure. False when AClose has come in between: its SFinished stays.
   bool Settle(OBJSTATE seized, OBJSTATE to) { return Exchange(seized | kSeized, to); }
   bool IsSeized() const { return word.load(std::memory_order_acquire) & kSeized; }
-  /// Takes a ready or closed object for the calling wait, which alone has it until Unpick.
-  bool Pick(OBJSTATE from) { return Exchange(from, SProcessing | kSeized); }
+  /// Takes a ready or closed object for the calling wait, which alone has it until Unpick. For the
+  /// ready queue, which updates itself.
+  bool Pick(OBJSTATE from) { return Step(from, SProcessing | kSeized); }
   /// Ends a pick. Does nothing when a later state, such as that of AClose, has been stored.
   void Unpick(OBJSTATE next) { Exchange(SProcessing | kSeized, next); }
   /// Stores SFinished unless the object is already on its way out.
   void Finish();
 
-  /// Becomes ready for the application: notes the time, stores the state, wakes a waiter. For the
-  /// work thread, out of a state in which AClose leaves the object alone.
-  void MakeReady(PHIERAKI item, OBJSTATE ready);
+  /// Becomes ready for the application: notes the time, stores the state, Ready4Apl. In the work
+  /// thread's role, out of a state in which AClose leaves the object alone.
+  void MakeReady(PHIERAKI item, OBJSTATE ready, F8 now = Micros());
   /// The same at the end of a seizure; nothing happens when AClose has come in between.
-  void SettleReady(PHIERAKI item, OBJSTATE seized, OBJSTATE ready);
-  /// Wakes the nearest waiter on the item or above, or calls the callback.
+  void SettleReady(PHIERAKI item, OBJSTATE seized, OBJSTATE ready, F8 now = Micros());
+  /// Notes the nearest waiter on the item or above, or calls the callback. The waiter wakes when
+  /// the work thread's role is given up; who does not have it calls Waiters.Post.
   static void Ready4Apl(PHIERAKI item);
   /// The root object above a node.
   static ROOT* RootOf(PHIERAKI item);
@@ -234,15 +246,33 @@ class RPCOBJS {
   WORD<F8> timeReady;             // Micros
   WORD<F8> timeCreate;            // Micros
   WORD<SI4> lErrorObj{0};         // pending error
-  PTHREADSEM pWaiting = nullptr;  // borrowed; guarded by the lock of the root's pool
+  WORD<PHIERAKI> pItem{nullptr};  // borrowed; the node that owns this object
+
+  // Kept by the connection above: its place among what is to be sent, and whether it has still to
+  // be told that the stream has ended.
+  PHIERAKI pNextOut WORK_DATA = nullptr;  // borrowed, both
+  PHIERAKI pPrevOut WORK_DATA = nullptr;
+  bool isOut WORK_DATA = false;
+  bool isUntold WORK_DATA = false;
 
  private:
   static constexpr UI4 kSeized = 0x100;
   static OBJSTATE ToState(UI4 w) { return static_cast<OBJSTATE>(w & ~kSeized); }
-  bool Exchange(UI4 from, UI4 to) {
-    return word.compare_exchange_strong(from, to, std::memory_order_acq_rel,
+  bool Step(UI4 from, UI4 to) {
+    return word.compare_exchange_strong(from, to, std::memory_order_seq_cst,
                                         std::memory_order_acquire);
   }
+  bool Exchange(UI4 from, UI4 to) {
+    if (!Step(from, to)) return false;
+    Stored(from, to);
+    return true;
+  }
+  /// What a word is to a search: 0 for a passage, otherwise the word itself.
+  static UI4 PartOf(UI4 w);
+  void Stored(UI4 from, UI4 to) {
+    if (PartOf(from) != PartOf(to)) Update();
+  }
+  void Update();
 
   std::atomic<UI4> word{SNew};
 };

@@ -36,42 +36,99 @@ PTHREADSEM WAITPOOL::FindFree() {
   return nullptr;
 }
 
-bool WAITPOOL::WakeNearest(HIERAKI* node) {
-  MUTEXHOLD hold(Lock);
-  return WakeFrom(node);
+PTHREADSEM WAITPOOL::Grow() {
+  PTHREADSEM const added = new (std::nothrow) THREADSEM(pThreadList);
+  if (!added) return nullptr;
+  pThreadList = added;
+  count.fetch_add(1, std::memory_order_relaxed);
+  return added;
 }
 
-bool WAITPOOL::WakeFrom(HIERAKI* node) {
+void WAITPOOL::Begin() {
+  if (Count() > 0) return;
+  MUTEXHOLD hold(Lock);
+  if (!pThreadList) Grow();
+}
+
+bool WAITPOOL::WakeNearest(HIERAKI* node) {
+  bool found;
+  {
+    MUTEXHOLD hold(Lock);
+    found = NoteFrom(node, 1);
+  }
+  Post();
+  return found;
+}
+
+void WAITPOOL::Note(HIERAKI* node) {
+  if (IsEmpty()) return;
+  MUTEXHOLD hold(Lock);
+  NoteFrom(node, 1);
+}
+
+bool WAITPOOL::NoteFrom(HIERAKI* node, SI4 wakeUps) {
   for (HIERAKI* n = node; n; n = n->Parent()) {
-    RPCOBJS* const object = n->Obj();
-    PTHREADSEM const entry = object ? object->pWaiting : nullptr;
+    PTHREADSEM const entry = n->pWaiting.load(std::memory_order_relaxed);
     if (!entry) continue;
-    entry->Sem.release(1);
+    NoteEntry(entry, wakeUps);
     return true;
   }
   return false;
 }
 
+void WAITPOOL::NoteEntry(PTHREADSEM entry, SI4 wakeUps) {
+  entry->Due += wakeUps;
+  if (entry->IsNoted) return;
+  entry->IsNoted = true;
+  entry->pNoted = pNotedList;
+  pNotedList = entry;
+  noted.store(true, std::memory_order_release);
+}
+
+void WAITPOOL::Post() {
+  while (noted.load(std::memory_order_acquire)) {
+    PTHREADSEM entry;
+    SI4 n;
+    {
+      MUTEXHOLD hold(Lock);
+      entry = pNotedList;
+      if (!entry) return;
+      pNotedList = entry->pNoted;
+      if (!pNotedList) noted.store(false, std::memory_order_release);
+      entry->IsNoted = false;
+      n = (entry->Due < entry->Users ? entry->Due : entry->Users) - entry->Released;
+      if (n > 0) entry->Released += n;
+      if (n > 0) ++entry->Pins;
+    }
+    if (n <= 0) continue;
+    // Outside the lock: whoever wakes needs it next.
+    entry->Sem.release(static_cast<UI4>(n));
+    MUTEXHOLD hold(Lock);
+    --entry->Pins;
+  }
+}
+
 void WAITPOOL::Detach(HIERAKI* node) {
-  MUTEXHOLD hold(Lock);
-  RPCOBJS* const object = node->Obj();
-  PTHREADSEM const entry = object ? object->pWaiting : nullptr;
-  if (!entry) return;
-  object->pWaiting = nullptr;
-  entry->pNode = nullptr;
-  entry->Sem.release(static_cast<UI4>(entry->Users));
+  // Nobody can find the node any more: who has not registered by now does not wait on it.
+  if (!node->pWaiting.load(std::memory_order_relaxed)) return;
+  {
+    MUTEXHOLD hold(Lock);
+    PTHREADSEM const entry = node->pWaiting.load(std::memory_order_relaxed);
+    if (!entry) return;
+    node->pWaiting.store(nullptr, std::memory_order_relaxed);
+    entry->pNode = nullptr;
+    NoteEntry(entry, entry->Users);
+  }
+  Post();
 }
 
 void WAITPOOL::WakeAll() {
-  MUTEXHOLD hold(Lock);
-  for (PTHREADSEM t = pThreadList; t; t = t->pNext) t->Sem.release(static_cast<UI4>(t->Users));
-}
-
-SI4 WAITPOOL::Count() {
-  MUTEXHOLD hold(Lock);
-  SI4 count = 0;
-  for (PTHREADSEM t = pThreadList; t; t = t->pNext) ++count;
-  return count;
+  {
+    MUTEXHOLD hold(Lock);
+    for (PTHREADSEM t = pThreadList; t; t = t->pNext)
+      if (t->Users > 0) NoteEntry(t, t->Users);
+  }
+  Post();
 }
 
 void WAITPOOL::RemoveOld() {
@@ -80,9 +137,10 @@ void WAITPOOL::RemoveOld() {
   if (!pThreadList) return;
   for (PTHREADSEM p = pThreadList; p->pNext;) {
     PTHREADSEM const n = p->pNext;
-    if (now > n->LastUsed + kOldSeconds && n->ThreadId == FREEID) {
+    if (now > n->LastUsed + kOldSeconds && n->ThreadId == FREEID && n->Pins == 0 && !n->IsNoted) {
       p->pNext = n->pNext;
       delete n;
+      count.fetch_sub(1, std::memory_order_relaxed);
     } else {
       p = n;
     }
@@ -93,34 +151,44 @@ void WAITPOOL::ForkedChild() {
   // The threads that held the lock or an entry did not come along.
   new (&Lock) MUTEX;
   MUTEXHOLD hold(Lock);
+  pNotedList = nullptr;
+  noted.store(false, std::memory_order_relaxed);
+  registered.store(0, std::memory_order_relaxed);
   for (PTHREADSEM t = pThreadList; t; t = t->pNext) {
-    if (t->pNode) t->pNode->Obj()->pWaiting = nullptr;
+    if (t->pNode) t->pNode->pWaiting.store(nullptr, std::memory_order_relaxed);
     t->pNode = nullptr;
     t->ThreadId = FREEID;
-    t->Users = 0;
+    t->Users = t->Due = t->Released = t->Pins = 0;
+    t->IsNoted = false;
   }
 }
 
 SI4 WAITER::AplWaitInit(HIERAKI* node) {
   {
     MUTEXHOLD hold(pool.Lock);
-    if (pEntry && pEntry->pNode == node) return 0;
+    if (pEntry && pEntry->pNode == node) {
+      if (released) {
+        // What woke this thread has gone to another one.
+        released = false;
+        pEntry->Use();
+      }
+      return 0;
+    }
   }
   AplWaitClear();
 
   MUTEXHOLD hold(pool.Lock);
-  RPCOBJS* const object = node->Obj();
-  PTHREADSEM entry = object->pWaiting;
-  if (!entry) entry = pool.FindFree();
+  PTHREADSEM entry = node->pWaiting.load(std::memory_order_relaxed);
   if (!entry) {
-    PTHREADSEM const added = new (std::nothrow) THREADSEM(pool.pThreadList);
-    if (!added) return ERR_THREAD_NOT_FOUND;
-    pool.pThreadList = added;
     entry = pool.FindFree();
+    if (!entry && pool.Grow()) entry = pool.FindFree();
+    if (!entry) return ERR_THREAD_NOT_FOUND;
+    entry->Due = 0;
   }
-  object->pWaiting = entry;
+  node->pWaiting.store(entry, std::memory_order_relaxed);
   entry->pNode = node;
   ++entry->Users;
+  pool.registered.fetch_add(1, std::memory_order_relaxed);
   pEntry = entry;
   return 0;
 }
@@ -128,6 +196,7 @@ SI4 WAITER::AplWaitInit(HIERAKI* node) {
 SI4 WAITER::AplWait(UI4 milliseconds) {
   switch (pEntry->Sem.wait(milliseconds)) {
     case SemReleased:
+      released = true;
       return 0;
     case SemTimeout:
       return TIMEOUT;
@@ -138,19 +207,27 @@ SI4 WAITER::AplWait(UI4 milliseconds) {
 
 void WAITER::AplWaitClear() {
   if (!pEntry) return;
-  MUTEXHOLD hold(pool.Lock);
-  if (--pEntry->Users == 0) {
-    bool unused = false;
-    while (pEntry->Sem.wait(0) == SemReleased) unused = true;
-    HIERAKI* const node = pEntry->pNode;
-    pEntry->pNode = nullptr;
-    pEntry->ThreadId = FREEID;
-    LOG(2, ("WAITSEM %p return by %p ", static_cast<void*>(pEntry),
-            reinterpret_cast<void*>(pthread_self())));
-    // Under the lock, because a parked thread is outside the gate: a node that still is somebody's
-    // to wait on has not been retired.
-    if (node) node->Obj()->pWaiting = nullptr;
-    if (node && unused) pool.WakeFrom(node);
+  {
+    MUTEXHOLD hold(pool.Lock);
+    if (released) pEntry->Use();
+    pool.registered.fetch_sub(1, std::memory_order_relaxed);
+    if (--pEntry->Users == 0) {
+      while (pEntry->Sem.wait(0) == SemReleased) {
+      }
+      const SI4 unused = pEntry->Due;
+      pEntry->Due = pEntry->Released = 0;
+      HIERAKI* const node = pEntry->pNode;
+      pEntry->pNode = nullptr;
+      pEntry->ThreadId = FREEID;
+      LOG(2, ("WAITSEM %p return by %p ", static_cast<void*>(pEntry),
+              reinterpret_cast<void*>(pthread_self())));
+      // Under the lock, because a parked thread is outside the gate: a node that still is
+      // somebody's to wait on has not been retired.
+      if (node) node->pWaiting.store(nullptr, std::memory_order_relaxed);
+      if (node && unused > 0) pool.NoteFrom(node, unused);
+    }
   }
   pEntry = nullptr;
+  released = false;
+  pool.Post();
 }

@@ -1,26 +1,186 @@
-// work.cpp - the work thread's turn.
+// work.cpp - the turn: the work thread's loop, and what its role does.
 #include "kyrno/tree/work.h"
-
-#include <cassert>
 
 #include "kyrno/base/error.h"
 #include "kyrno/base/log.h"
 #include "kyrno/tree/root.h"
+#include "kyrno/tree/shadow.h"
+#include "util/blockstore.h"
+#include "util/pool.h"
 
 static constexpr UI4 MODULE = 0x00000020;
 
 namespace {
 
-constexpr SI4 kWaitSeconds = 300;
-constexpr F8 kCollectMicros = 10000;  // how soon to try again to free what somebody still looks at
+constexpr F8 kCollectMicros = 10e3;  // how soon to try again to free what somebody still looks at
+constexpr F8 kPoolMicros = 60e6;     // between purges of the pool of waiters
+constexpr F8 kStoreMicros = 2e6;     // ... of the stores of freed memory
+constexpr F8 kWaitMicros = 300e6;
 
-/// Takes a finished subtree out of reach: it can't be found any more, and whoever waits on any part
-/// of it wakes up.
-void TakeOut(PHIERAKI parent, PHIERAKI child, ROOT* root) WORK_ONLY {
-  parent->Unlink(child);
+bool HasSocket(const RPCOBJS* object) {
+  switch (object->Type) {
+    case TRoot:
+    case TServer:
+    case TClient:
+    case TConnection:
+    case TUdp:
+      return true;
+    default:
+      return false;
+  }
+}
+
+PHIERAKI WithSocket(PHIERAKI node) {
+  while (node && !HasSocket(node->Obj())) node = node->Parent();
+  return node;
+}
+
+/// Turns until the end; the code of the wait that ended it, or 0.
+SI4 Turns(ROOT* root) {
+  SI4 brought = 0;
+  for (;;) {
+    LOG(4, ("Work thread activated"));
+    root->TakeRole();
+    root->Turn(brought);
+    const bool end = root->Sets.endWorkThread;
+    root->GiveRole();
+    if (end) return 0;
+
+    const SI4 code = root->Sleep(&brought);
+    LOG(4, ("After wait lError: %d cnt: %d", code, brought));
+    if (!root->IsOwnProcess()) return ERR_FORK;
+    if (code) return code;
+  }
+}
+
+}  // namespace
+
+UI4 WorkThread(PVOID arg) {
+  PHIERAKI const item = static_cast<PHIERAKI>(arg);
+  ROOT* const root = static_cast<ROOT*>(item->Obj());
+  const SI4 code = Turns(root);
+  root->CloseSockets(item);
+  LOG(1, ("Worker thread have ended! ErrorCode =%d ", code));
+  root->WorkEnded();
+  return static_cast<UI4>(code ? code : ERR_WORKSYNC_RECV);
+}
+
+void ROOT::Turn(SI4 brought) {
+  inTurn = true;
+  Clear(&Sets.ss);
+  for (SI4 i = 0; i < brought; ++i)
+    if (PVOID const owner = Sets.ss.Brought(i)) MakeDue(static_cast<PHIERAKI>(owner));
+  const F8 now = Micros();
+  while (TIMER* const limit = Timers.PopDue(now)) MakeDue(static_cast<PHIERAKI>(limit->Owner()));
+  if (lookAtAll.exchange(false, std::memory_order_seq_cst)) LookAtAll(pItem);
+  TakeTouched();
+  RunDue();
+
+  if (Collect()) Sets.ss.WakeAt(now + kCollectMicros);
+  if (pPending || pDue[0] || pDue[1]) Sets.ss.WakeAt(1);
+  if (poolDue == 0 && Waiters.Count() > 1) poolDue = now + kPoolMicros;
+  if (storeDue == 0 && !(BlockStoreIsEmpty() && PoolsAreEmpty())) storeDue = now + kStoreMicros;
+  const F8 due = storeDue == 0 || (poolDue > 0 && poolDue < storeDue) ? poolDue : storeDue;
+  PHIERAKI const item = pItem;
+  if (due > 0 && item->Timer.Due() != due) SetTimer(item, due);
+  const F8 next = Timers.Next();
+  if (next > 0) Sets.ss.WakeAt(next);
+  if (leftLately.exchange(false, std::memory_order_seq_cst)) tickUntil = now + kTickingMicros;
+  if (now < tickUntil) Sets.ss.WakeAt(now + kTickMicros);
+  sleepsUntil.store(Sets.ss.deadline > 0 ? Sets.ss.deadline : now + kWaitMicros,
+                    std::memory_order_seq_cst);
+  AssertNothingMissed(this, pItem);
+  inTurn = false;
+}
+
+void ROOT::TakeTouched() {
+  leftSince.store(0, std::memory_order_relaxed);
+  PHIERAKI node = pPending;
+  pPending = nullptr;
+  for (int list = 0; list < 2; ++list) {
+    while (node) {
+      PHIERAKI const next = node->Touched.pNext;
+      TOUCHLIST::Unmark(node);
+      if (node->IsLinked()) LookAt(node);
+      node = next;
+    }
+    if (list == 0) node = Touched.TakeAll();
+  }
+}
+
+void ROOT::LookAt(PHIERAKI node) {
+  RPCOBJS* const obj = node->Obj();
+  if (!obj) return;
+  PHIERAKI const owner = WithSocket(node);
+  if (obj->GetState() == SFinished && obj->Type != TRoot) {
+    if (obj->Abandon(node)) TakeOut(node);
+    // What was to come for it is the connection's now.
+    if (owner && owner != node) MakeDue(owner);
+    return;
+  }
+  if (owner != node) {
+    Sets.pItem = node;
+    obj->Check(&Sets);
+  }
+  if (owner) MakeDue(owner);
+}
+
+void ROOT::LeaveToWorkThread(PHIERAKI node) {
+  if (node->Touched.on.exchange(true, std::memory_order_seq_cst)) return;
+  node->Touched.pNext = pPending;
+  pPending = node;
+}
+
+void ROOT::LookAtAll(PHIERAKI node) {
+  node->WalkSub([&](PHIERAKI child) {
+    AssumeWorkThread();
+    LookAtAll(child);
+  });
+  // Not at once: a walk must not unlink what it stands on.
+  Mark(node);
+}
+
+void ROOT::MakeDue(PHIERAKI node) {
+  if (node->isDue || !node->IsLinked()) return;
+  node->isDue = true;
+  PHIERAKI& last = pDue[node->Obj()->Type == TServer];
+  node->pNextDue = last ? last->pNextDue : node;
+  if (last) last->pNextDue = node;
+  last = node;
+}
+
+void ROOT::RunDue() {
+  for (PHIERAKI& due : pDue) {
+    // Those that become due meanwhile have had their turn, or get it when the wait is over.
+    for (PHIERAKI const last = due; due;) {
+      PHIERAKI const node = due->pNextDue;
+      due = node == due ? nullptr : due;
+      if (due) due->pNextDue = node->pNextDue;
+      node->pNextDue = nullptr;
+      node->isDue = false;
+      if (node->IsLinked()) {
+        Sets.pItem = node;
+        node->Obj()->Setinfo(&Sets);
+        node->Obj()->Execute(&Sets);
+        // Another object may be there now.
+        Sets.pItem = node;
+        if (node->IsLinked()) node->Obj()->Check(&Sets);
+      }
+      if (node == last) break;
+    }
+  }
+}
+
+void ROOT::TakeOut(PHIERAKI node) {
   struct LEAVE {
     static void Subtree(PHIERAKI node, PHIERAKI parent, ROOT* root) WORK_ONLY {
+      node->Shut();
       root->Waiters.Detach(node);
+      root->ClearTimer(node);
+      if (RPCOBJS* const obj = node->Obj()) {
+        obj->Leave(node);
+        if (HasSocket(obj)) root->retiredSocket = true;
+      }
       for (PHIERAKI n = parent; n && node->CleanUpCount > 0; n = n->Parent())
         n->Obj()->CleanUp(node);
       node->WalkSub([&](PHIERAKI sub) {
@@ -29,106 +189,92 @@ void TakeOut(PHIERAKI parent, PHIERAKI child, ROOT* root) WORK_ONLY {
       });
     }
   };
-  LEAVE::Subtree(child, parent, root);
-  root->pGate->Retire(child);
+  PHIERAKI const parent = node->Parent();
+  node->Obj()->SetState(SMarkedForDeletion);
+  parent->Unlink(node);
+  LEAVE::Subtree(node, parent, this);
+  ++retired;
+  pGate->Retire(node);
 }
 
-void CheckSub(PHIERAKI node, PFDSETS sets, ROOT* root) WORK_ONLY;
-
-/// Children, the object itself, then the removal of what the walk marked.
-void CheckBody(PHIERAKI node, PFDSETS sets, ROOT* root) WORK_ONLY {
-  node->WalkSub([&](PHIERAKI sub) {
-    AssumeWorkThread();
-    CheckSub(sub, sets, root);
-  });
-  sets->pItem = node;
-  node->Obj()->Check(sets);
-
-  while (sets->cntFinished > 0) {
-    PHIERAKI dead = nullptr;
-    node->WalkSub([&](PHIERAKI sub) {
-      if (!dead && sub->Obj() && sub->Obj()->GetState() == SMarkedForDeletion) dead = sub;
-    });
-    if (!dead) break;
-    TakeOut(node, dead, root);
-    --sets->cntFinished;
-  }
+void ROOT::Replace(PHIERAKI node, RPCOBJS* fresh) {
+  RPCOBJS* const old = node->Obj();
+  fresh->TakeOver(old);
+  node->Replace(fresh);
+  pGate->Retire(old);
+  ++retired;
+  MakeDue(node);
 }
 
-void CheckSub(PHIERAKI node, PFDSETS sets, ROOT* root) {
-  RPCOBJS* const obj = node->Obj();
-  if (!obj) return;
-  if (obj->GetState() == SFinished && obj->Abandon(node)) {
-    obj->SetState(SMarkedForDeletion);
-    ++sets->cntFinished;
-    return;
-  }
-  if (obj->Type > TUdpPeer) return;
-  if (obj->Type == TClient || obj->Type == TConnection || obj->Type == TUdp) {
-    sets->pItem = node;
-    obj->Setinfo(sets);
-  }
-  CheckBody(node, sets, root);
-}
-
-void ExecSub(PHIERAKI node, PFDSETS sets) WORK_ONLY {
-  RPCOBJS* const obj = node->Obj();
-  if (!obj || obj->Type >= TUdpPeer) return;
-  switch (obj->Type) {
-    case TRoot:
-    case TServer:
-    case TUdp:
-      sets->pItem = node;
-      obj->Setinfo(sets);
-      node->WalkSub([&](PHIERAKI sub) {
+bool ROOT::Collect() {
+  const bool left = pGate->Collect(
+      [](void* root) {
         AssumeWorkThread();
-        ExecSub(sub, sets);
-      });
-      break;
-    case TClient:
-    case TConnection:
-      break;
-    default:
-      return;
-  }
-  sets->pItem = node;
-  obj->Execute(sets);
+        static_cast<ROOT*>(root)->Forget();
+      },
+      this);
+  retired = 0;
+  if (!left) retiredSocket = false;
+  return left;
 }
 
-/// Turns until the end; the code of the wait that ended it, or 0.
-SI4 Turns(PHIERAKI item, ROOT* root) WORK_ONLY {
-  for (;;) {
-    LOG(4, ("Work thread activated"));
-    FDSETS sets;
-    Clear(&sets.ss);
-    root->TurnBegins();
-    CheckBody(item, &sets, root);
-    if (root->pGate->Collect()) sets.ss.WakeAt(Micros() + kCollectMicros);
+/// Drops unlinked nodes from the lists; the others are kept for the next look.
+void ROOT::Forget() {
+  for (PHIERAKI& due : pDue) {
+    PHIERAKI node = due ? due->pNextDue : nullptr;
+    PHIERAKI const last = due;
+    due = nullptr;
+    while (node) {
+      PHIERAKI const next = node == last ? nullptr : node->pNextDue;
+      node->isDue = false;
+      MakeDue(node);
+      node = next;
+    }
+  }
+  PHIERAKI kept = nullptr;
+  PHIERAKI last = nullptr;
+  PHIERAKI node = pPending;
+  for (int list = 0; list < 2; ++list) {
+    while (node) {
+      PHIERAKI const next = node->Touched.pNext;
+      if (node->IsLinked()) {
+        node->Touched.pNext = nullptr;
+        (last ? last->Touched.pNext : kept) = node;
+        last = node;
+      }
+      node = next;
+    }
+    if (list == 0) node = Touched.TakeAll();
+  }
+  pPending = kept;
+}
 
-    SI4 cnt = 0;
-    const SI4 code = SfWait(&sets.ss, kWaitSeconds, &cnt);
-    LOG(4, ("After wait lError: %d cnt: %d", code, cnt));
-    if (!root->IsOwnProcess()) return ERR_FORK;
-    if (code) return code;
-    if (cnt > 0) ExecSub(item, &sets);
-    if (sets.endWorkThread) return 0;
+void ROOT::Housekeeping() {
+  const F8 now = Micros();
+  if (poolDue > 0 && now >= poolDue) {
+    Waiters.RemoveOld();
+    poolDue = 0;
+  }
+  if (storeDue > 0 && now >= storeDue) {
+    BlockPurge();
+    PoolPurge();
+    storeDue = 0;
   }
 }
 
-}  // namespace
+void ROOT::CloseSockets(PHIERAKI item) {
+  Role.Take();
+  Sets.closeAllSockets = true;
+  CloseAll(item);
+  Role.Give();
+}
 
-UI4 WorkThread(PVOID arg) {
-  AssumeWorkThread();
-  PHIERAKI const item = static_cast<PHIERAKI>(arg);
-  ROOT* const root = static_cast<ROOT*>(item->Obj());
-
-  const SI4 code = Turns(item, root);
-
-  FDSETS sets;
-  Clear(&sets.ss);
-  sets.closeAllSockets = true;
-  ExecSub(item, &sets);
-  LOG(1, ("Worker thread have ended! ErrorCode =%d ", code));
-  root->WorkEnded();
-  return static_cast<UI4>(code ? code : ERR_WORKSYNC_RECV);
+void ROOT::CloseAll(PHIERAKI node) {
+  node->WalkSub([&](PHIERAKI child) {
+    AssumeWorkThread();
+    CloseAll(child);
+  });
+  if (!node->Obj() || !HasSocket(node->Obj())) return;
+  Sets.pItem = node;
+  node->Obj()->Execute(&Sets);
 }

@@ -1,21 +1,29 @@
-// work.h - the work thread: one per root, the only one that touches sockets and frees nodes.
+// work.h - the work thread: one per root. It, or who has its role for a moment, touches sockets and
+// unlinks nodes; what it costs follows what has happened, not what is there.
 //
 // One turn:
 //
-//   CheckSub   whole tree     each object says what it wants; finished ones are unlinked
-//   SfWait     one wait       until something is ready, a time limit falls due, or Dirty
-//   ExecSub    whole tree     what is ready is read, written, accepted; new nodes appear
-//   Collect                   what nobody can look at any more is freed
+//   what the last wait has brought, what falls due          nodes with a socket become due
+//   what was touched                TakeTouched             children tell their connection what
+//   they
+//                                                           want, finished nodes are unlinked, and
+//                                                           the node with a socket above becomes
+//                                                           due
+//   what is due                     RunDue                  Setinfo, Execute: reads, writes,
+//   accepts;
+//                                                           Check: says what the socket is to wait
+//                                                           for
+//   what nobody can look at         Collect                 is freed
+//   the wait                        Sleep, outside the role
 //
-//   type                                      CheckSub                     ExecSub
-//   TRoot, TServer                            children, Check              Setinfo, children,
-//   Execute TClient, TConnection                      Setinfo, children, Check     Execute
-//   TCommand, TMessage, TRelay, TUdpPeer      children, Check              -
-//   TUdp                                      Setinfo, children, Check     Setinfo, children,
-//   Execute
+// Nodes with a socket: TRoot, TServer, TClient, TConnection, TUdp.
 #pragma once
 
 #include "kyrno/tree/hieraki.h"
+
+/// While changes are left by bursts, a turn comes this often.
+inline constexpr F8 kTickMicros = 1000;
+inline constexpr F8 kTickingMicros = 30e3;  // and for this long after the last one
 
 /// The thread's function; root is the PHIERAKI of the root node. Returns the thread's exit code:
 /// 1124 when the end was asked for or the wake-up pair failed, 1133 after a fork, or the error of

@@ -3,7 +3,10 @@
 
 #include <pthread.h>
 
+#include <cmath>
+
 #include "Apl/vaconv.h"
+#include "Apl/vatrans.h"
 #include "tests/support/arrays.h"
 #include "tests/support/zcode.h"
 
@@ -126,6 +129,87 @@ TEST(ZBlock, PacksNothingThatHasNoImage) {
   EXPECT_TRUE(Pack(MakeNested(MakeText("abc"), VAHOLD())).empty());
   const std::vector<UI4> ones(16, 1);
   EXPECT_TRUE(Pack(VAHOLD(VANew(VAI4, 16, ones.data()))).empty());
+}
+
+// An event of a wait: (0, name, word, times).
+Bytes WriteEvent(const std::string& name, const std::string& word, const std::vector<F8>& times) {
+  const UI4 counts[] = {static_cast<UI4>(name.size()), static_cast<UI4>(word.size()),
+                        static_cast<UI4>(times.size())};
+  ZWRITER z(ZWRITER::kNestedBytes + ZWRITER::kIntBytes + ZWRITER::VectorBytes(VAC1, counts[0]) +
+            ZWRITER::VectorBytes(VAC1, counts[1]) + ZWRITER::VectorBytes(VAF8, counts[2]));
+  EXPECT_TRUE(z);
+  z.Nested(4);
+  z.Int(0);
+  z.Text(name.data(), counts[0]);
+  z.Text(word.data(), counts[1]);
+  z.Floats(times.data(), counts[2]);
+  UI4* const block = z.Finish();
+  const UI1* const bytes = reinterpret_cast<const UI1*>(block);
+  const Bytes result(bytes, bytes + ZLength(block));
+  free(block);
+  return result;
+}
+
+Bytes PackEvent(const std::string& name, const std::string& word, const std::vector<F8>& times) {
+  const UI4 four = 4;
+  VAHOLD array(VANew(VAPntr, 1, &four));
+  const auto setText = [&](UI4 at, const std::string& text) {
+    const UI4 n = static_cast<UI4>(text.size());
+    EXPECT_EQ(VASetCH1(array.Get(), at, text.data(), n, VACHAR), 0);
+  };
+  EXPECT_EQ(VASetSI4(array.Get(), 0, 0), 0);
+  setText(1, name);
+  setText(2, word);
+  EXPECT_EQ(VASetpAA(array.Get(), 3, MakeVector<F8>(VAF8, times).Release()), 0);
+  PAA normal = array.Release();
+  EXPECT_EQ(VANorm(&normal, Tes2VA, VA2Tes), 0);
+  return Pack(VAHOLD(normal));
+}
+
+TEST(ZWriter, WritesWhatPackingTheNormalArrayWould) {
+  CH1 table[MAXTRANSSIZE];
+  for (const bool translated : {false, true}) {
+    for (UI4 i = 0; i < MAXTRANSSIZE; ++i) table[i] = static_cast<CH1>(i ^ (translated ? 1 : 0));
+    SetChar2av(table);
+    for (const bool unicode : {true, false}) {
+      SetUnicode(unicode);
+      for (size_t length = 0; length < 20; ++length) {
+        const std::string name(length, static_cast<char>('a' + length));
+        for (const std::string word : {"", "Receive", "Block\xE4xy"}) {
+          for (const std::vector<F8>& times :
+               {std::vector<F8>{0, 1, -0.0, 1.7e15}, {NAN, INFINITY, 4, 5}, {}})
+            EXPECT_EQ(WriteEvent(name, word, times), PackEvent(name, word, times)) << length;
+        }
+      }
+    }
+  }
+  for (UI4 i = 0; i < MAXTRANSSIZE; ++i) table[i] = static_cast<CH1>(i);
+  SetChar2av(table);
+  SetUnicode(true);
+}
+
+TEST(ZBlock, ShowsItsItemsInPlaceExactlyWhenAllAreSimple) {
+  const Bytes text = zcode::Text("abc"), number = zcode::Int(7);
+  const struct {
+    Bytes top;
+    UI4 items;
+  } rows[] = {
+      {text, 1},
+      {zcode::Vector({text, number}), 2},
+      {zcode::Vector({text, number, number}), 0},
+      {zcode::Vector({text, zcode::Vector({number})}), 0},
+      {zcode::Nested({}, {text}), 0},
+      {zcode::Nested({0}, {}), 0},
+  };
+  for (const auto& row : rows) {
+    const Bytes whole = zcode::Block(row.top);
+    ZVIEW items[2];
+    EXPECT_EQ(ViewItems(whole.data(), static_cast<UI4>(whole.size()), items, 2), row.items);
+    for (size_t n = 0; n < row.top.size(); ++n) {
+      const Bytes cut = zcode::Block(Bytes(row.top.data(), row.top.data() + n));
+      EXPECT_EQ(ViewItems(cut.data(), static_cast<UI4>(cut.size()), items, 2), 0u) << n;
+    }
+  }
 }
 
 // The whole way of the deepest value on the smallest stack that a thread may have.

@@ -2,6 +2,7 @@
 #include "tests/support/session.h"
 
 #include <dlfcn.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -97,6 +98,13 @@ Lines TestRoot::Children(const std::string& name) const {
 std::string ZBytes(const ZValue& value) {
   const std::vector<std::uint32_t> z = value.Encode();
   return std::string(reinterpret_cast<const char*>(z.data()), host::ZSize(z.data()));
+}
+
+void AllowDescriptors() {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 Memory Memory::Now() {

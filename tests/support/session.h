@@ -23,6 +23,17 @@ using host::ZValue;
 /// Bounds a wait that is expected to end by an event.
 inline constexpr int kBoundMillis = 20000;
 
+/// Sanitizers change what memory costs and how long things take.
+#ifndef __has_feature
+#define __has_feature(feature) 0  // only clang has it
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
+    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
 const host::Library& Lib();
 /// An exported function that the host has no method for.
 void* Entry(const char* name);
@@ -108,6 +119,9 @@ void RunApart(Body body) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT((body(), std::exit(testing::Test::HasFailure())), testing::ExitedWithCode(0), "");
 }
+
+/// Lets this process have as many descriptors as it may.
+void AllowDescriptors();
 
 /// Memory of this process in bytes: in use, and reserved.
 struct Memory {

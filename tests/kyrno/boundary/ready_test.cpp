@@ -54,8 +54,14 @@ class TREE {
     if (!fn(from ? from : root, &found)) return "";
     CH1 path[kFullNameSize + 1];
     found->FullName(path, kFullNameSize);
-    found->Obj()->Unpick(SFinished);
+    End(found);
     return path;
+  }
+
+  /// The end of a delivery, as in a wait.
+  void End(PHIERAKI found) {
+    found->Obj()->Unpick(SFinished);
+    root->pQueue->Delivered(found->Parent());
   }
 
   std::string DeliverAll(PFNREADY fn, PHIERAKI from = nullptr) {
@@ -128,7 +134,7 @@ TEST(Ready, AConnectionsEndWaitsUntilItsLastUnitHasArrived) {
   PHIERAKI found = nullptr;
   ASSERT_EQ(FindReadyTO(tree.root, &found), tree.At("A.1"));
   EXPECT_EQ(FindReadyTO(tree.root, &found), nullptr);
-  tree.At("A.1")->Obj()->Unpick(SFinished);
+  tree.End(tree.At("A.1"));
   EXPECT_EQ(FindReadyTO(tree.root, &found), tree.At("A"));
 }
 

@@ -3,10 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <memory>
 #include <string>
 
 #include "tests/kyrno/net/stoptexts.h"
+#include "util/blockstore.h"
 
 namespace {
 
@@ -75,6 +78,70 @@ TEST(Buffer, AClaimedSizeGetsMemoryOnlyAsBytesArrive) {
   ASSERT_EQ(b.Room(&at, &room), 0);
   EXPECT_LE(room, 64 * kMiB - kArrived);
   for (UI4 i = 0; i < kArrived; ++i) ASSERT_EQ(b.Start()[i], static_cast<CH1>(i % 251));
+}
+
+TEST(Buffer, AWholeOneKeepsItsBytesWhenItOutgrowsItsPiece) {
+  for (const UI4 n : {0u, 100u, 1000u, 5000u}) {
+    const std::unique_ptr<BUFFER> b(BUFFER::NewWhole(n));
+    ASSERT_TRUE(b);
+    EXPECT_FALSE(b->Complete() && n > 0);
+    if (n > 0) memset(b->Start(), 'w', n);
+    b->Resize(n + 2000);
+    b->NextProcessed(n);
+    b->Append(std::string(2000, 'x').data(), 2000);
+    EXPECT_EQ(Processed(*b), std::string(n, 'w') + std::string(2000, 'x'));
+  }
+}
+
+TEST(Buffer, ALazyOneHasNoMemoryBeforeItsFirstByte) {
+  static_assert(sizeof(BUFFER) <= 64);  // each idle connection keeps one
+  BUFFER b(BUFFER::LAZY, 115);
+  EXPECT_EQ(b.Block(), nullptr);
+  EXPECT_EQ(b.Remaining(), 115u);
+  EXPECT_EQ(b.FindAsc("x", false, false), -1);
+  EXPECT_EQ(std::unique_ptr<BUFFER>(b.Take(9))->TotalSize(), 0u);
+  b.Drop(1);
+
+  EXPECT_EQ(Receive(b, 100), 0);
+  b.Append("0123456789abcdef", 16);
+  EXPECT_TRUE(b.Complete());
+  EXPECT_EQ(Processed(b).substr(100), "0123456789abcde");
+}
+
+// A block with a length in front and padding behind, such as an application is given.
+TEST(Buffer, APlacedOneReceivesIntoTheBlockThatIsHandedOut) {
+  const BLOCKPLACE place = {115, 32, 7};
+  for (const UI4 payload : {0u, 1u, kMiB, 20 * kMiB}) {
+    BUFFER b(place, place.lead + payload);
+    ASSERT_EQ(b.lError, 0);
+    EXPECT_EQ(b.SizeProcessed(), place.lead);
+    EXPECT_EQ(b.Remaining(), payload);
+    EXPECT_EQ(b.Complete(), payload == 0);
+    if (payload > 0) {
+      EXPECT_EQ(b.ReleaseBlock(), nullptr);  // not before all of it has come
+    }
+
+    PCH1 at;
+    UI4 room;
+    ASSERT_EQ(b.Room(&at, &room), 0);
+    EXPECT_EQ(room, std::min(payload, BUFFER::kEagerBytes));
+    EXPECT_EQ(at, b.Block() + place.front);
+    ASSERT_EQ(Receive(b, payload), 0);
+    EXPECT_TRUE(b.Complete());
+    b.Rewind();
+    EXPECT_EQ(b.Next(), b.Block() + place.front);
+    EXPECT_TRUE(b.NextProcessed(payload));
+
+    const std::unique_ptr<CH1, decltype(&BlockFree)> released(b.ReleaseBlock(), BlockFree);
+    ASSERT_NE(released, nullptr);
+    EXPECT_EQ(b.Block(), nullptr);
+    EXPECT_EQ(b.TotalSize(), place.lead + payload);
+    EXPECT_TRUE(b.Complete());
+    memset(released.get(), 'f', place.front);
+    memset(released.get() + place.front + payload, 't', place.tail);
+    for (UI4 i = 0; i < payload; ++i)
+      ASSERT_EQ(released.get()[place.front + i], static_cast<CH1>((place.lead + i) % 251));
+  }
 }
 
 TEST(FindStop, TheEarliestStartWinsThenTheListsOrder) {
