@@ -22,7 +22,7 @@ struct SLOT {
   std::atomic<UI4> turn{0};  // in which it was put there
 };
 
-constinit SLOT slots[8];
+constinit SLOT slots[64];
 constinit std::atomic<size_t> stored{0};  // tally: the bytes of all blocks
 constinit std::atomic<UI4> turns{0};      // tally: the calls of BlockPurge
 

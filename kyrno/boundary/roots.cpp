@@ -101,8 +101,8 @@ PHIERAKI CloseDescriptors(PHIERAKI node, void*) {
 }  // namespace
 
 ROOTSHARE::~ROOTSHARE() {
-  Leave();
-  if (gate) gate->Release();
+  if (inside) gate->Leave(ticket);
+  if (hasReference) gate->Release();
 }
 
 bool ROOTSHARE::Open(PCH10 name) {
@@ -119,12 +119,13 @@ bool ROOTSHARE::Hold(PHIERAKI root) {
   if (!root) return false;
   node = root;
   gate = static_cast<ROOT*>(root->Obj())->pGate;
-  gate->AddRef();
   return Enter();
 }
 
 void ROOTSHARE::Leave() {
   if (!inside) return;
+  if (!hasReference) gate->AddRef();
+  hasReference = true;
   inside = false;
   gate->Leave(ticket);
 }
@@ -204,8 +205,10 @@ SI4 RPCUnload(ROOTSHARE* own) {
 }
 
 void UnloadRoots() {
-  for (;;) {
+  bool more = true;
+  while (more) {
     ROOTSHARE share;
-    if (!share.OpenAny() || RPCUnload(&share) != 0) return;
+    more = share.OpenAny() && RPCUnload(&share) == 0;
   }
+  GATE::FreeUnused();
 }

@@ -47,8 +47,9 @@ class ROOTSHARE {
  private:
   bool Hold(PHIERAKI root);
 
-  PHIERAKI node = nullptr;  // borrowed; good while inside
-  GATE* gate = nullptr;     // one reference is owned
+  PHIERAKI node = nullptr;    // borrowed; good while inside
+  GATE* gate = nullptr;       // borrowed while inside
+  bool hasReference = false;  // one is owned: the share has been outside
   UI4 ticket = 0;
   bool inside = false;
 };

@@ -101,12 +101,11 @@ bool Deliver(PHIERAKI found, ROOT* root, F8 now, const EVENT& event) {
   // An ended object above could not be taken while this one was on its way.
   if (parent) root->Queue.Delivered(parent);
   if (parent && HasEnded(parent->Obj()->GetState())) root->Waiters.WakeNearest(parent);
-  root->Delivered(now);
   // A connection that was told is to be read at once.
   if (next == SConnected)
     root->Changed(found);
   else
-    root->ChangedInBurst(found, now);
+    root->DeliveredInBurst(found, now);
   return good;
 }
 

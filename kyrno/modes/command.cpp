@@ -261,12 +261,18 @@ SI4 COMMAND::BeginAnswer(const IPMSG& header, F8 now) {
 
 void COMMAND::Received(PHIERAKI item, F8 now) {
   receiving = false;
-  for (const OBJSTATE from : {SReceiving, SProcessing}) {
-    if (!Seize(from)) continue;
+  // A command that came in keeps what its message type said; an answer ends the command. In
+  // SReceiving nobody else touches it.
+  if (GetState() == SReceiving) {
     received = false;
-    // A command that came in keeps what its message type said; an answer ends the command.
     if (isLocal) NextState = SFinished;
-    SettleReady(item, from, SAPL, now);
+    MakeReady(item, SAPL, now);
+    return;
+  }
+  if (Seize(SProcessing)) {
+    received = false;
+    if (isLocal) NextState = SFinished;
+    SettleReady(item, SProcessing, SAPL, now);
     return;
   }
   // "Sent" has to be delivered first. Delivering it wakes the work thread, which looks again.

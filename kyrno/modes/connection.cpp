@@ -3,6 +3,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -23,8 +24,9 @@ namespace {
 
 constexpr UI4 kReadsPerTurn = 16;
 constexpr UI4 kWritesPerTurn = 16;
-constexpr UI4 kPieces = 64;      // at most, of one write
-constexpr UI4 kOwnBytes = 8192;  // from here on a payload is read to its place at once
+constexpr size_t kLargeTimes = 8;  // as much of one large message
+constexpr UI4 kPieces = 256;       // at most, of one write
+constexpr UI4 kOwnBytes = 8192;    // from here on a payload is read to its place at once
 constexpr UI4 kMaxCompLevel = 9;
 constexpr SI4 kKeepAliveInterval = 1000;  // ms, when only the time is given
 
@@ -587,7 +589,9 @@ SI4 CONNECTION::WriteOnce(PFDSETS sets, PHIERAKI item) {
       break;
     }
     if (buffer->lError) return buffer->lError;
-    const UI4 more = buffer->Gather(pieces + cntPieces, most - bytes);
+    // What is larger than that goes in fewer pieces: each may wake the peer.
+    const size_t room = n == 0 && !whole ? kLargeTimes * most : most - bytes;
+    const UI4 more = buffer->Gather(pieces + cntPieces, room);
     sizes[n] = 0;
     for (UI4 i = 0; i < more; ++i) sizes[n] += pieces[cntPieces + i].iov_len;
     cntPieces += more;

@@ -151,7 +151,9 @@ UI4 BUFFER::NextSize() const {
 }
 
 UI4 BUFFER::Gather(iovec* pieces, size_t most) {
-  *pieces = {Next(), std::min<size_t>(NextSize(), most)};
+  const UI4 there = InMemory();
+  const size_t left = there > SizeProcessed() ? there - SizeProcessed() : 0;
+  *pieces = {Next(), std::min(left, most)};
   return 1;
 }
 

@@ -23,7 +23,7 @@ UI4 LENTBUFFER::Gather(iovec* pieces, size_t most) {
   PCH10 const data = pData.load(std::memory_order_seq_cst);
   if (!data) return BUFFER::Gather(pieces, most);
   UI4 at = SizeProcessed();
-  size_t left = std::min<size_t>(NextSize(), most);
+  size_t left = std::min<size_t>(Remaining(), most);
   UI4 n = 0;
   if (at < head) {
     pieces[n++] = {Next(), std::min<size_t>(left, head - at)};

@@ -1,8 +1,43 @@
 // gate.cpp - the lifetime gate of a root.
 #include "kyrno/tree/gate.h"
 
+#include <new>
+
+#include "kyrno/base/mutex.h"
+
+namespace {
+constinit MUTEX unusedLock;
+constinit GATE* pUnused GUARDED_BY(unusedLock) = nullptr;  // owned
+}  // namespace
+
+GATE* GATE::Make() {
+  GATE* gate;
+  {
+    MUTEXHOLD hold(unusedLock);
+    gate = pUnused;
+    if (gate) pUnused = gate->pNextUnused;
+  }
+  if (!gate) return new (std::nothrow) GATE;
+  gate->refs.store(1, std::memory_order_relaxed);
+  gate->closed.store(false, std::memory_order_seq_cst);
+  return gate;
+}
+
 void GATE::Release() {
-  if (refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+  if (refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  // Closed it stays until it is used again.
+  Close();
+  MUTEXHOLD hold(unusedLock);
+  pNextUnused = pUnused;
+  pUnused = this;
+}
+
+void GATE::FreeUnused() {
+  MUTEXHOLD hold(unusedLock);
+  while (GATE* const gate = pUnused) {
+    pUnused = gate->pNextUnused;
+    delete gate;
+  }
 }
 
 bool GATE::Enter(UI4* ticket) {

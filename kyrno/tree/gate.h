@@ -11,7 +11,9 @@
 //   slot of epoch e     : those who may have seen what was retired in e, and are still in
 //   slot of epoch e - 1 : draining; when it is empty, all that was retired before e is free
 //
-// The gate outlives its root: every thread that knows it owns one reference.
+// The gate outlives its root. A call that is inside keeps the root and so the gate; before it steps
+// out to come back it takes a reference. What a thread still reads of a gate behind its last step
+// out is memory of a gate for as long as the library is there: gates are used again, not freed.
 #pragma once
 
 #include <pthread.h>
@@ -43,6 +45,11 @@ class RETIRED {
 /// Errors:  none.
 class GATE {
  public:
+  /// One with one reference; null without memory.
+  static GATE* Make();
+  /// Frees the gates that wait to be used again: nobody uses the library any more.
+  static void FreeUnused();
+
   GATE() = default;
   GATE(const GATE&) = delete;
   GATE& operator=(const GATE&) = delete;
@@ -82,6 +89,7 @@ class GATE {
   void Left();
   static RETIRED* Free(RETIRED* list);
 
+  GATE* pNextUnused = nullptr;  // owned by the list of those that wait to be used again
   std::atomic<UI4> refs{1};
   std::atomic<bool> closed{false};
   std::atomic<UI4> epoch{0};

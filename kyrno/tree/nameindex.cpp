@@ -2,18 +2,33 @@
 #include "kyrno/tree/nameindex.h"
 
 #include <bit>
+#include <cstring>
 #include <new>
 
 #include "kyrno/tree/hieraki.h"
 
 namespace {
 
-/// FNV-1a. As in HIERAKI::IsNamed, nothing behind a terminator counts.
+constexpr UI4 kKept = 64;  // entries of a table that is kept without children
+
+/// Mixes eight bytes in.
+UI8 Mixed(UI8 hash, UI8 bytes) {
+  hash = (hash ^ bytes) * UI8{0x9e3779b97f4a7c15};
+  return hash ^ hash >> 32;
+}
+
+/// As in HIERAKI::IsNamed, nothing behind a terminator counts.
 UI4 HashOf(const CH1* name, size_t len) {
-  UI4 hash = 2166136261;
-  for (size_t i = 0; i < len && name[i]; ++i)
-    hash = (hash ^ static_cast<UI1>(name[i])) * UI4{16777619};
-  return hash;
+  size_t n = strnlen(name, len);
+  UI8 hash = n;
+  UI8 word;
+  for (; n >= sizeof word; n -= sizeof word, name += sizeof word) {
+    memcpy(&word, name, sizeof word);
+    hash = Mixed(hash, word);
+  }
+  word = 0;
+  for (size_t i = 0; i < n; ++i) word = word << 8 | static_cast<UI1>(name[i]);
+  return static_cast<UI4>(Mixed(hash, word));
 }
 
 }  // namespace
@@ -34,8 +49,8 @@ void NAMEINDEX::Remove(HIERAKI* child) {
   HIERAKI** at = Chain(child->nameEntry.hash);
   while (*at != child) at = &(*at)->nameEntry.pNext;
   *at = child->nameEntry.pNext;
-  // At half the number that made it, so that children who come and go don't make one each time.
-  if (count >= kIndexed / 2) return;
+  // A small one stays: children who come and go would make one each time.
+  if (count >= kIndexed / 2 || size <= kKept) return;
   delete[] table;
   table = nullptr;
   size = 0;

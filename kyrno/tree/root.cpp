@@ -27,7 +27,7 @@ constexpr UI4 kCollectFrom = 64;  // nodes that are freed together
 
 }  // namespace
 
-ROOT::ROOT() : RPCOBJS(TRoot), pGate(new (std::nothrow) GATE) {}
+ROOT::ROOT() : RPCOBJS(TRoot), pGate(GATE::Make()) {}
 
 ROOT::~ROOT() {
   AssumeWorkThread();  // it has ended, or never began
@@ -85,14 +85,25 @@ SI4 ROOT::Changed(PHIERAKI node) {
 }
 
 SI4 ROOT::ChangedInBurst(PHIERAKI node, F8 now) {
-  if (!Queue.HasReady() || now - lastDelivery.load(std::memory_order_relaxed) > kQuickMicros ||
-      UseFnsReady < 0 || !IsOwnProcess())
-    return Changed(node);
+  const bool quick = now - lastDelivery.load(std::memory_order_relaxed) <= kQuickMicros;
+  return quick && Queue.HasReady() ? LeaveInBurst(node, now) : Changed(node);
+}
+
+SI4 ROOT::DeliveredInBurst(PHIERAKI node, F8 now) {
+  lastDelivery.store(now, std::memory_order_relaxed);
+  const bool lasts = leftSince.load(std::memory_order_relaxed) > 0;
+  return lasts || Queue.HasReady() ? LeaveInBurst(node, now) : Changed(node);
+}
+
+SI4 ROOT::LeaveInBurst(PHIERAKI node, F8 now) {
+  if (UseFnsReady < 0 || !IsOwnProcess()) return Changed(node);
   if (const SI4 code = lErrorObj) return code;
   Mark(node);
   if (leftSince.load(std::memory_order_relaxed) == 0)
     leftSince.store(now, std::memory_order_relaxed);
-  leftLately.store(true, std::memory_order_seq_cst);
+  // Only the first of many has something to say.
+  if (!leftLately.load(std::memory_order_relaxed))
+    leftLately.store(true, std::memory_order_seq_cst);
   return sleepsUntil.load(std::memory_order_seq_cst) > now + 2 * kTickMicros ? Wake() : 0;
 }
 

@@ -68,11 +68,12 @@ class ROOT : public RPCOBJS {
   /// waiting for it, has it looked at together with what it does next. Flush, the next change or,
   /// at the latest after two milliseconds, the work thread looks at it.
   SI4 ChangedInBurst(PHIERAKI node, F8 now = Micros());
+  /// The same for an event that is being delivered at this time: the last one of a burst too is
+  /// likely to be answered in a moment.
+  SI4 DeliveredInBurst(PHIERAKI node, F8 now);
   /// Looks at what a burst has left: at once, or if it has been left for long.
   void Flush();
   void FlushOld(F8 now);
-  /// An event has been delivered at this time, in Micros.
-  void Delivered(F8 now) { lastDelivery.store(now, std::memory_order_relaxed); }
   /// At this node: left to the work thread, because it may take long.
   SI4 ChangedSoon(PHIERAKI node);
   /// Anywhere: the work thread looks at the whole tree.
@@ -142,6 +143,7 @@ class ROOT : public RPCOBJS {
 
  private:
   SI4 WritePair(SI4 message);
+  SI4 LeaveInBurst(PHIERAKI node, F8 now);
   SI4 Wake();
   void Help();
   void LookAt(PHIERAKI node) WORK_ONLY;

@@ -192,6 +192,8 @@ class RPCOBJS : public RETIRED {
   /// Hand-over: whoever sees the new state sees all that was written before it. For the one side to
   /// which the object belongs just now.
   void SetState(OBJSTATE s) { Stored(word.exchange(s, std::memory_order_seq_cst), s); }
+  /// Out of SFinished, which nobody leaves any more: to a search the two are the same.
+  void MarkForDeletion() { word.store(SMarkedForDeletion, std::memory_order_release); }
   /// One step that two threads could take. False when the state is another one or seized.
   bool Move(OBJSTATE from, OBJSTATE to) { return Exchange(from, to); }
   /// The same for a state that a pick may hold: the pick then finds that its own state came too

@@ -190,7 +190,7 @@ void ROOT::TakeOut(PHIERAKI node) {
     }
   };
   PHIERAKI const parent = node->Parent();
-  node->Obj()->SetState(SMarkedForDeletion);
+  node->Obj()->MarkForDeletion();
   parent->Unlink(node);
   LEAVE::Subtree(node, parent, this);
   ++retired;
