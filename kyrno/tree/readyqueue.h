@@ -82,6 +82,7 @@ class READYQUEUE {
   bool IsRight(PHIERAKI node);
 
   MUTEX Lock;
+  class ROOT* pRoot = nullptr;  // borrowed; whose it is. Constant
 
  private:
   bool Take(const READYFIND& find) TSA(requires_capability(Lock));

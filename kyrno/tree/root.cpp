@@ -27,7 +27,7 @@ constexpr UI4 kCollectFrom = 64;  // nodes that are freed together
 
 }  // namespace
 
-ROOT::ROOT() : RPCOBJS(TRoot), pGate(GATE::Make()) {}
+ROOT::ROOT() : RPCOBJS(TRoot), pGate(GATE::Make()) { Queue.pRoot = this; }
 
 ROOT::~ROOT() {
   AssumeWorkThread();  // it has ended, or never began

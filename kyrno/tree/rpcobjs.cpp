@@ -242,12 +242,16 @@ void RPCOBJS::Ready4Apl(PHIERAKI item) {
     if (TPOOSFN const fn = owner->Obj()->Callback()) fn(item);
     return;
   }
+  // Only servers have an order of arrival.
   for (PHIERAKI n = item->Parent(); n; n = n->Parent())
-    if (RPCOBJS* const above = n->Obj()) above->ChildReady(item);
+    if (RPCOBJS* const above = n->Obj(); above && above->Type == TServer) above->ChildReady(item);
   root->Waiters.Note(item);
 }
 
-ROOT* RPCOBJS::RootOf(PHIERAKI item) { return static_cast<ROOT*>(item->Top()->Obj()); }
+ROOT* RPCOBJS::RootOf(PHIERAKI item) {
+  ROOT* const root = item->pQueue ? item->pQueue->pRoot : nullptr;
+  return root ? root : static_cast<ROOT*>(item->Top()->Obj());
+}
 
 SI4 PropSI4(SI4 value, PPAA out) {
   *out = VANew(VAI4, 0, nullptr);
