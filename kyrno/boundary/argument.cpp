@@ -21,9 +21,11 @@ bool WholeNumber(const ZVIEW& item, PSI4 number) {
     case VABit:
       *number = static_cast<UI1>(*item.data) >> 7;
       return true;
-    case VAI1:
-      *number = static_cast<SI1>(*item.data);
+    case VAI1: {
+      const SI4 byte = static_cast<UI1>(*item.data);
+      *number = byte < 128 ? byte : byte - 256;
       return true;
+    }
     case VAI2: {
       SI2 value;
       memcpy(&value, item.data, sizeof value);
