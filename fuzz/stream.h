@@ -63,27 +63,19 @@ class STREAM {
     Deliver(node);
   }
 
-  /// Picks every ready unit below, as waiting threads do, and removes what is finished.
+  /// Picks every ready unit below, as waiting threads do; the next turn removes what is finished.
   void Deliver(PHIERAKI parent) WORK_ONLY {
-    for (PHIERAKI done = parent; done;) {
-      done = nullptr;
-      parent->WalkSub([&](PHIERAKI child) {
-        AssumeWorkThread();
-        Deliver(child);
-        if (TakeOne(child)) done = child;
-      });
-      if (!done) return;
-      parent->Unlink(done);
-      delete done;
-    }
+    parent->WalkSub([&](PHIERAKI child) {
+      AssumeWorkThread();
+      Deliver(child);
+      TakeOne(parent, child);
+    });
   }
 
-  static bool TakeOne(PHIERAKI child) {
+  void TakeOne(PHIERAKI parent, PHIERAKI child) WORK_ONLY {
+    ROOT* const object = static_cast<ROOT*>(root.Obj());
+    if (!object->Queue.PickThis(child)) return;
     RPCOBJS* const obj = child->Obj();
-    const OBJSTATE state = obj->GetState();
-    if (state == SFinished) return true;
-    if (!IsReadyState(state) || !obj->Pick(state)) return false;
-    obj->LastState = state;
     CH1 name[kFullNameSize + 1];
     CH1 event[kEventSize];
     OBJSTATE next = SFinished;
@@ -92,7 +84,8 @@ class STREAM {
     (void)code;
     free(z);
     obj->Unpick(next);
-    return obj->GetState() == SFinished;
+    object->Queue.Delivered(parent);
+    object->Mark(child);
   }
 
   int peer = -1;
