@@ -47,15 +47,18 @@ void EachRoot(FN fn) TSA(requires_capability(Guard)) {
 void BeforeFork() TSA(no_thread_safety_analysis) {
   Guard.Lock();
   EachRoot([](ROOT* root) TSA(no_thread_safety_analysis) { root->Queue.Lock.Lock(); });
+  GATE::BeforeFork();
   LOGBeforeFork();
 }
 void InParent() TSA(no_thread_safety_analysis) {
   LOGAfterFork();
+  GATE::AfterFork();
   EachRoot([](ROOT* root) TSA(no_thread_safety_analysis) { root->Queue.Lock.Unlock(); });
   Guard.Unlock();
 }
 void InChild() TSA(release_capability(Guard)) {
   LOGAfterFork();
+  GATE::AfterFork();
   if (PHIERAKI const last = pRoots) {
     PHIERAKI t = last;
     do {

@@ -1,4 +1,6 @@
-// connection.cpp - the engine of every stream endpoint.
+// connection.cpp - the engine of every stream endpoint: the interpreter's side, the turn, and the
+// end of the stream. What is received is in connectionread.cpp, what is sent in
+// connectionwrite.cpp.
 #include "kyrno/modes/connection.h"
 
 #include <strings.h>
@@ -22,25 +24,10 @@ static constexpr UI4 MODULE = 0x00000080;
 
 namespace {
 
-constexpr UI4 kReadsPerTurn = 16;
-constexpr UI4 kWritesPerTurn = 16;
-constexpr size_t kLargeTimes = 8;  // as much of one large message
-constexpr UI4 kPieces = 256;       // at most, of one write
-constexpr UI4 kOwnBytes = 8192;    // from here on a payload is read to its place at once
 constexpr UI4 kMaxCompLevel = 9;
 constexpr SI4 kKeepAliveInterval = 1000;  // ms, when only the time is given
 
 bool Is(PCH10 name, PCH10 word) { return strcasecmp(name, word) == 0; }
-
-/// What stands first in the order of the tree of two nodes that are to be sent: commands and
-/// messages lie right below the connection, reports below their command.
-bool GoesBefore(PHIERAKI a, PHIERAKI b, PHIERAKI connection) {
-  PHIERAKI const topA = a->Parent() == connection ? a : a->Parent();
-  PHIERAKI const topB = b->Parent() == connection ? b : b->Parent();
-  if (topA != topB) return connection->Place(topA) < connection->Place(topB);
-  if (a == topA || b == topB) return b == topB;
-  return topA->Place(a) < topA->Place(b);
-}
 
 }  // namespace
 
@@ -274,7 +261,25 @@ SI4 CONNECTION::Check(PFDSETS sets) {
     default:
       break;
   }
-  return pCon->Settle(&sets->ss);
+  const SI4 code = pCon->Settle(&sets->ss);
+  if (code) Unwatched(item, code);
+  return code;
+}
+
+/// The kernel has no memory to watch this socket: the application hears of it, where it can.
+void CONNECTION::Unwatched(PHIERAKI item, SI4 code) {
+  switch (GetState()) {
+    case SConnected:
+      if (!HasEnded()) EndStream(item, SError, code);
+      return;
+    case SSSL:
+      lErrorObj = code;
+      Finish();
+      break;
+    default:
+      Replace(SSocketClosed, SFinished);
+  }
+  RootOf(item)->Mark(item);
 }
 
 /// This side closes: waits until the peer has closed too, but not for ever.
@@ -343,308 +348,7 @@ void CONNECTION::Drain(PHIERAKI item) {
   if (Replace(SSocketClosed, SFinished)) RootOf(item)->Mark(item);
 }
 
-// ---- receiving
-
-void CONNECTION::Receive(PHIERAKI child, PBUFFER buffer) {
-  phRead = child;
-  pRead = buffer;
-}
-
-SI4 CONNECTION::ReadSome(PFDSETS sets, PHIERAKI item) {
-  // A read that got all it asked for is likely to have left more, but not so much is taken in one
-  // turn that the others wait.
-  bool filled = true;
-  for (UI4 i = 0; filled && i < kReadsPerTurn; ++i) {
-    if (GetState() != SConnected || HasEnded() || item->Obj() != this || !Reads()) return 0;
-    filled = false;
-    if (const SI4 code = ReadOnce(sets, item, &filled)) return code;
-    // What comes in after the application has added a relay goes to the relay.
-    if (filled && RootOf(item)->IsTouched()) RootOf(item)->TakeTouched();
-  }
-  return 0;
-}
-
-SI4 CONNECTION::ReadOnce(PFDSETS sets, PHIERAKI item, bool* filled) {
-  SI4 code;
-  if (Skip == 0 && !phRead && phRelay)
-    code = ReadRelay(sets, item, filled);
-  else if (Skip == 0 && !phRead && !ReadsAhead())
-    code = ReadHeader(sets, item, filled);
-  else
-    code = ReadAhead(sets, item, filled);
-  return code == ERR_CLOSED ? PassiveClose(sets, item) : code;
-}
-
-SI4 CONNECTION::ReadRelay(PFDSETS, PHIERAKI, bool* filled) {
-  RELAY* const relay = static_cast<RELAY*>(phRelay->Obj());
-  relay->Move(SReadyToRecv, SReceiving);
-  PBUFFER const buffer = relay->GetBuffer();
-  if (const SI4 code = pCon->Read(buffer)) return code;
-  *filled = buffer->Complete();
-  return relay->RelayBuf(phRelay, pHeader);
-}
-
-/// A relay has been added: what was read ahead goes out now, since nothing may follow.
-SI4 CONNECTION::RelayAhead() {
-  if (!phRelay || phRead || Skip > 0 || !pHeader || pHeader->SizeProcessed() == 0) return 0;
-  RELAY* const relay = static_cast<RELAY*>(phRelay->Obj());
-  relay->Move(SReadyToRecv, SReceiving);
-  return relay->Forward(phRelay, pHeader, nullptr, 0);
-}
-
-SI4 CONNECTION::ReadHeader(PFDSETS sets, PHIERAKI item, bool* filled) {
-  if (!pHeader) pHeader = NewHeader();
-  if (!pHeader || pHeader->lError) return ERR_MEMORY_ALLOC;
-  if (const SI4 code = pCon->Read(pHeader)) return code;
-  *filled = pHeader->Complete();
-  return *filled ? HeaderComplete(sets, item) : HeaderRecv(sets, item);
-}
-
-/// Reads what a child still lacks to its place, when that is much, and whatever follows, or little
-/// things, to the room that all connections share.
-SI4 CONNECTION::ReadAhead(PFDSETS sets, PHIERAKI item, bool* filled) {
-  iovec pieces[2];
-  int n = 0;
-  UI4 own = 0;
-  if (Skip == 0 && phRead && pRead->Remaining() >= kOwnBytes) {
-    PCH1 at;
-    if (const SI4 code = pRead->Room(&at, &own)) return code;
-    pieces[n++] = {at, own};
-  }
-  PCH1 const ahead = RootOf(item)->ReadAhead();
-  if (n == 0 || own == pRead->Remaining()) pieces[n++] = {ahead, ROOT::kReadAhead};
-
-  size_t got = 0;
-  if (const SI4 code = pCon->ReadV(pieces, n, &got)) return code;
-  size_t all = 0;
-  for (int i = 0; i < n; ++i) all += pieces[i].iov_len;
-  *filled = got == all;
-  if (got == 0) return 0;
-  sets->now = Micros();
-
-  const UI4 mine = static_cast<UI4>(got < own ? got : own);
-  if (mine > 0) {
-    pRead->NextProcessed(mine);
-    if (const SI4 code = ChildRead(sets)) return code;
-  }
-  return Feed(sets, item, ahead, static_cast<UI4>(got - mine));
-}
-
-SI4 CONNECTION::ChildRead(PFDSETS sets) {
-  PHIERAKI const child = phRead;
-  if (!pRead->Complete()) return ReadRecv(sets, child);
-  phRead = nullptr;
-  pRead = nullptr;
-  return ReadComplete(sets, child);
-}
-
-SI4 CONNECTION::Feed(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n) {
-  while (n > 0) {
-    PCONNECTION const now = static_cast<PCONNECTION>(item->Obj());
-    // Closed or ended meanwhile: nothing more is cut.
-    if (now->GetState() != SConnected || now->HasEnded()) return 0;
-    if (const SI4 code = now->FeedTaken(sets, item)) return code;
-    UI4 used = 0;
-    if (const SI4 code = now->FeedSome(sets, item, data, n, &used)) return code;
-    data += used;
-    n -= used;
-  }
-  return 0;
-}
-
-/// What the object before this one had read ahead, as far as its own framing had taken it.
-SI4 CONNECTION::FeedTaken(PFDSETS sets, PHIERAKI item) {
-  if (!pTaken) return 0;
-  const std::unique_ptr<BUFFER> taken(std::exchange(pTaken, nullptr));
-  const UI4 n = taken->SizeProcessed();
-  taken->Rewind();
-  return Feed(sets, item, taken->Start(), n);
-}
-
-SI4 CONNECTION::FeedSome(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, UI4* used) {
-  if (Skip > 0) {
-    *used = n < Skip ? n : Skip;
-    Skip -= *used;
-    return 0;
-  }
-  if (phRead) {
-    const UI4 left = pRead->Remaining();
-    *used = n < left ? n : left;
-    pRead->Append(data, *used);
-    return pRead->lError ? pRead->lError : ChildRead(sets);
-  }
-  if (phRelay) {
-    RELAY* const relay = static_cast<RELAY*>(phRelay->Obj());
-    relay->Move(SReadyToRecv, SReceiving);
-    *used = n;
-    return relay->Forward(phRelay, pHeader, data, n);
-  }
-  if (!pHeader) pHeader = NewHeader();
-  if (!pHeader || pHeader->lError) return ERR_MEMORY_ALLOC;
-  const UI4 left = pHeader->Remaining();
-  *used = n < left ? n : left;
-  pHeader->Append(data, *used);
-  if (pHeader->lError) return pHeader->lError;
-  return pHeader->Complete() ? HeaderComplete(sets, item) : HeaderRecv(sets, item);
-}
-
-// ---- sending
-
-void CONNECTION::Send(PHIERAKI child) {
-  RPCOBJS* const obj = child->Obj();
-  if (obj->isOut) return;
-  PHIERAKI const item = pItem;
-  PHIERAKI before = pOutLast;
-  if (before) {
-    // Its place is nearly always the last one. Half of a message stays in front of all.
-    MUTEXHOLD hold(RootOf(item)->Queue.Lock);
-    while (before && before->Obj()->GetState() != SSending && GoesBefore(child, before, item))
-      before = before->Obj()->pPrevOut;
-  }
-  obj->pPrevOut = before;
-  obj->pNextOut = before ? before->Obj()->pNextOut : pOut;
-  (before ? before->Obj()->pNextOut : pOut) = child;
-  (obj->pNextOut ? obj->pNextOut->Obj()->pPrevOut : pOutLast) = child;
-  obj->isOut = true;
-  ++cntOut;
-}
-
-void CONNECTION::Unlist(PHIERAKI child) {
-  RPCOBJS* const obj = child->Obj();
-  if (!obj->isOut) return;
-  (obj->pPrevOut ? obj->pPrevOut->Obj()->pNextOut : pOut) = obj->pNextOut;
-  (obj->pNextOut ? obj->pNextOut->Obj()->pPrevOut : pOutLast) = obj->pPrevOut;
-  obj->pNextOut = obj->pPrevOut = nullptr;
-  obj->isOut = false;
-  --cntOut;
-  while (phHeld && cntOut < kMostQueued) Unhold(phHeld);
-}
-
-void CONNECTION::Forget(PHIERAKI child) {
-  Unlist(child);
-  if (phRead == child) {
-    phRead = nullptr;
-    pRead = nullptr;
-  }
-  if (phRelay == child) phRelay = nullptr;
-  if (!child->Obj()->isUntold) return;
-  child->Obj()->isUntold = false;
-  --cntUntold;
-}
-
-bool CONNECTION::IsHalfSent(PHIERAKI child) const {
-  // Of a stream that has ended nothing more goes out.
-  return child == pOut && child->Obj()->isOut && GetState() == SConnected && !HasEnded() &&
-         child->Obj()->Outgoing()->SizeProcessed() > 0;
-}
-
-void CONNECTION::Hold(PHIERAKI relay) {
-  static_cast<RELAY*>(relay->Obj())->HoldAt(pItem, phHeld);
-  phHeld = relay;
-}
-
-void CONNECTION::Unhold(PHIERAKI relay) {
-  PHIERAKI* at = &phHeld;
-  while (*at && *at != relay) at = static_cast<RELAY*>((*at)->Obj())->NextHeld();
-  RELAY* const object = static_cast<RELAY*>(relay->Obj());
-  if (*at) *at = *object->NextHeld();
-  object->HoldAt(nullptr, nullptr);
-  RootOf(relay)->Mark(relay);
-}
-
-SI4 CONNECTION::WriteSome(PFDSETS sets, PHIERAKI item) {
-  for (UI4 i = 0; pOut && !blocked && i < kWritesPerTurn; ++i) {
-    if (const SI4 code = WriteOnce(sets, item)) return code;
-    if (GetState() != SConnected) return 0;
-  }
-  return 0;
-}
-
-SI4 CONNECTION::WriteOnce(PFDSETS sets, PHIERAKI item) {
-  iovec pieces[kPieces];
-  PHIERAKI nodes[kPieces];
-  size_t sizes[kPieces];  // what each node gives
-  const size_t most = BufferBlkSize.load(std::memory_order_relaxed);
-  size_t bytes = 0;
-  UI4 cntPieces = 0;
-  UI4 n = 0;
-  for (PHIERAKI child = pOut; child && cntPieces + BUFFER::kPieces <= kPieces && bytes < most;) {
-    RPCOBJS* const obj = child->Obj();
-    PHIERAKI const next = obj->pNextOut;
-    // Closed before its first byte: it is not sent. Those behind the first are only seized, since
-    // they may have to stay.
-    const bool mine = n > 0 ? obj->Seize(SReadyToSend)
-                            : obj->Move(SReadyToSend, SSending) || obj->GetState() == SSending ||
-                                  IsHalfSent(child);
-    if (!mine) {
-      Unlist(child);
-      child = next;
-      continue;
-    }
-    PBUFFER const buffer = obj->Outgoing();
-    const bool whole = buffer->NextSize() == buffer->Remaining();
-    // A file is sent alone, and a large message begins a write of its own.
-    if (n > 0 && (!whole || buffer->lError)) {
-      if (!obj->Settle(SReadyToSend, SReadyToSend)) RootOf(item)->Mark(child);
-      break;
-    }
-    if (buffer->lError) return buffer->lError;
-    // What is larger than that goes in fewer pieces: each may wake the peer.
-    const size_t room = n == 0 && !whole ? kLargeTimes * most : most - bytes;
-    const UI4 more = buffer->Gather(pieces + cntPieces, room);
-    sizes[n] = 0;
-    for (UI4 i = 0; i < more; ++i) sizes[n] += pieces[cntPieces + i].iov_len;
-    cntPieces += more;
-    bytes += sizes[n];
-    nodes[n++] = child;
-    // Behind a message that closes the connection nothing is sent.
-    if (!whole || obj->NextPState == SShutdown) break;
-    child = next;
-  }
-  if (n == 0) return 0;
-
-  size_t sent = 0;
-  const SI4 code = bytes > 0 ? pCon->WriteV(pieces, static_cast<int>(cntPieces), &sent) : 0;
-  if (sent < bytes) blocked = true;
-  SI4 result = code;
-  bool more = code == 0;  // all before this one are out
-  for (UI4 i = 0; i < n; ++i) {
-    RPCOBJS* const obj = nodes[i]->Obj();
-    PBUFFER const buffer = obj->Outgoing();
-    buffer->Gathered();
-    const size_t take = sent < sizes[i] ? sent : sizes[i];
-    sent -= take;
-    const bool begun = more && (take > 0 || sizes[i] == 0);
-    if (i > 0 && !obj->Settle(SReadyToSend, begun ? SSending : SReadyToSend))
-      RootOf(item)->Mark(nodes[i]);
-    if (!begun) {
-      more = false;
-      continue;
-    }
-    buffer->NextProcessed(static_cast<UI4>(take));
-    if (result == 0) result = buffer->lError;
-    more = result == 0 && buffer->Complete();
-    if (result == 0) result = more ? Sent(sets, nodes[i]) : WriteSend(sets, nodes[i]);
-  }
-  return result;
-}
-
-/// A child's last byte is out.
-SI4 CONNECTION::Sent(PFDSETS sets, PHIERAKI child) {
-  RPCOBJS* const obj = child->Obj();
-  Unlist(child);
-  if (obj->NextPState == SShutdown) {
-    obj->NextPState = SDoNotChange;
-    ActiveClose = Micros();
-    Replace(SConnected, SSocketClosed);
-    pCon->Shutdown();
-    shutDown = true;
-  }
-  const SI4 code = WriteComplete(sets, child);
-  if (child->Obj()->GetState() == SFinished && child->Obj()->Abandon(child))
-    RootOf(child)->TakeOut(child);
-  return code;
-}
+// ---- the phases, as a stream without framing has them
 
 SI4 CONNECTION::HeaderRecv(PFDSETS, PHIERAKI) { return 0; }
 SI4 CONNECTION::HeaderComplete(PFDSETS, PHIERAKI) { return 0; }
@@ -682,6 +386,8 @@ void CONNECTION::EndStream(PHIERAKI item, OBJSTATE to, SI4 code) {
   if (to == SSocketClosed) pCon->CloseSocket();
   item->WalkSub([&](PHIERAKI child) {
     AssumeWorkThread();
+    // It has waited for something half sent, which now stays so.
+    if (child->Obj()->GetState() == SFinished) RootOf(item)->Mark(child);
     if (child->Obj()->isUntold || child->Obj()->ConnectionEnded(child)) return;
     child->Obj()->isUntold = true;
     ++cntUntold;

@@ -151,6 +151,7 @@ class CONNECTION : public RPCOBJS {
   bool ReportInstead(PHIERAKI item, SI4 code);
   bool Reads() const WORK_ONLY;
   void CheckClosing(PFDSETS sets, PHIERAKI item) WORK_ONLY;
+  void Unwatched(PHIERAKI item, SI4 code) WORK_ONLY;
   void EndStream(PHIERAKI item, OBJSTATE to, SI4 code) WORK_ONLY;
   void TryEnd(PHIERAKI item) WORK_ONLY;
   void Handshake(PHIERAKI item) WORK_ONLY;

@@ -209,7 +209,11 @@ SI4 SERVER::Check(PFDSETS sets) {
         (void)pSocket->Wait4R(&sets->ss);
       else if (GetState() == SListen)
         RootOf(item)->SetTimer(item, restUntil);
-      (void)pSocket->Settle(&sets->ss);
+      if (pSocket->Settle(&sets->ss)) {
+        // The kernel has no memory to watch it just now: peers wait in its queue.
+        restUntil = Micros() + kRestMicros;
+        RootOf(item)->SetTimer(item, restUntil);
+      }
     }
   }
   if (paused) paused->SaveCred();

@@ -40,6 +40,9 @@ void GATE::FreeUnused() {
   }
 }
 
+void GATE::BeforeFork() TSA(no_thread_safety_analysis) { unusedLock.Lock(); }
+void GATE::AfterFork() TSA(no_thread_safety_analysis) { unusedLock.Unlock(); }
+
 bool GATE::Enter(UI4* ticket) {
   for (;;) {
     const UI4 now = epoch.load(std::memory_order_seq_cst);

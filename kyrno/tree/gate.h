@@ -49,6 +49,9 @@ class GATE {
   static GATE* Make();
   /// Frees the gates that wait to be used again: nobody uses the library any more.
   static void FreeUnused();
+  /// A fork takes the lock of those that wait to be used again with it.
+  static void BeforeFork();
+  static void AfterFork();
 
   GATE() = default;
   GATE(const GATE&) = delete;

@@ -17,10 +17,13 @@ UI8 Mixed(UI8 hash, UI8 bytes) {
   return hash ^ hash >> 32;
 }
 
-/// As in HIERAKI::IsNamed, nothing behind a terminator counts.
-UI4 HashOf(const CH1* name, size_t len) {
+}  // namespace
+
+// As in HIERAKI::IsNamed, nothing behind a terminator counts.
+UI4 NAMEINDEX::HashOf(const CH1* name, size_t len) const {
   size_t n = strnlen(name, len);
-  UI8 hash = n;
+  // Peers choose names: where the index lies is nothing that they know.
+  UI8 hash = Mixed(n, reinterpret_cast<uintptr_t>(this));
   UI8 word;
   for (; n >= sizeof word; n -= sizeof word, name += sizeof word) {
     memcpy(&word, name, sizeof word);
@@ -30,8 +33,6 @@ UI4 HashOf(const CH1* name, size_t len) {
   for (size_t i = 0; i < n; ++i) word = word << 8 | static_cast<UI1>(name[i]);
   return static_cast<UI4>(Mixed(hash, word));
 }
-
-}  // namespace
 
 NAMEINDEX::~NAMEINDEX() { delete[] table; }
 

@@ -42,6 +42,7 @@ class NAMEINDEX {
 
  private:
   HIERAKI** Chain(UI4 hash) const { return &table[hash & (size - 1)]; }
+  UI4 HashOf(const CH1* name, size_t len) const;
   void Put(HIERAKI* child);
   /// Makes a table for all children that the ring of `parent` has now. False without memory.
   bool Grow(HIERAKI* parent);

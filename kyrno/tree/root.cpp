@@ -160,9 +160,9 @@ void ROOT::GiveRole() {
 }
 
 SI4 ROOT::WritePair(SI4 message) {
-  BUFFER buffer(sizeof message, reinterpret_cast<PCH1>(&message));
-  if (buffer.lError) return buffer.lError;
-  return pClt->Write(&buffer);
+  const iovec piece = {&message, sizeof message};
+  size_t sent = 0;
+  return pClt->WriteV(&piece, 1, &sent);
 }
 
 SI4 ROOT::Wake() {
@@ -171,8 +171,6 @@ SI4 ROOT::Wake() {
   // Only the first of a burst finds it asleep; and it looks at `wanted` before it sleeps.
   if (!asleep.exchange(false, std::memory_order_seq_cst)) return 0;
   const SI4 code = WritePair(0);
-  // Without memory nothing was written: the next one must try again.
-  if (code) asleep.store(true, std::memory_order_seq_cst);
   // A pair that takes no more wakes the thread anyway.
   return code == ERR_SEND ? 0 : code;
 }
@@ -214,15 +212,13 @@ SI4 ROOT::Execute(PFDSETS sets) {
   if (!pWork->Ready4R(&sets->ss)) return 0;
 
   SI4 messages[64];
-  BUFFER buffer(sizeof messages);
-  const SI4 code = buffer.lError ? buffer.lError : pWork->Read(&buffer);
-  if (code) {
+  const iovec piece = {messages, sizeof messages};
+  size_t n = 0;
+  if (pWork->ReadV(&piece, 1, &n)) {
     sets->endWorkThread = true;
     return ERR_WORKSYNC_RECV;
   }
-  const UI4 n = buffer.SizeProcessed();
-  memcpy(messages, buffer.Start(), n);
-  for (UI4 i = 0; i < n / sizeof *messages; ++i) {
+  for (size_t i = 0; i < n / sizeof *messages; ++i) {
     if (messages[i] != pid) continue;
     sets->endWorkThread = true;
     LOG(1, ("endWorkThread %d %d", messages[i], pid));
