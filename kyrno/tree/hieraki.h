@@ -19,8 +19,7 @@
 //     memory, though the node may have been unlinked meanwhile.
 //   - The shape of a ring changes under both the write lock of its parent and the lock of the
 //     root's ready queue, in this order; who holds either of them may walk it.
-//   - Interpreter threads add. Who has the work thread's role alone unlinks. Therefore walks in
-//   that
+//   - Interpreter threads add. Only who has the work thread's role unlinks. Therefore walks in that
 //     role need no lock while they go: a ring can only grow meanwhile.
 #pragma once
 
