@@ -101,6 +101,26 @@ KYRNO_API int32_t KickStart(const char* root);
 /** Gives back a Z block that this library handed out; null is allowed. Any thread. */
 KYRNO_API void FreeUsedTessorResult(void* z);
 
+/** Compresses or decompresses a stream piece by piece, as zlib does. Any thread, one at a time for
+ *  each session.
+ *
+ *  op:      0 to compress, 1 to decompress; plus 2 with the last piece, plus 8 for the gzip form in
+ *           place of zlib's. The gzip form and the level, 0 to 9, count where the session begins.
+ *           4 or 5 drops the session; in, out and their sizes may be null then.
+ *  session: *session is null before the first call, belongs to the library until it is null again,
+ *           and is passed back unchanged.
+ *  in:      copied, so it may go at once. *inSize is its length, and becomes what the session still
+ *           holds of it. Until that is 0 further input is ignored: pass room for more output.
+ *  out:     *outSize is the room, and becomes the bytes written.
+ *
+ *  Returns a result of zlib, or 1205 without the support library. 0 with a null *session: the
+ *  stream is at its end; with another one, or -5 (no room, or no input): go on. 1: the stream that
+ *  is decompressed has ended in a piece that was not the last. Other negative results leave the
+ *  session to be dropped: -2 for arguments that are no good (a null session, size or block, a
+ *  wrong direction or level), -3 for a broken stream, -4 without memory. */
+KYRNO_API int32_t cflate(int32_t op, void** session, const uint8_t* in, uint32_t* inSize,
+                         uint8_t* out, uint32_t* outSize, uint32_t level);
+
 /** The time in microseconds since 1970, as in the results of "AWaitZ". */
 KYRNO_API double Micros(void);
 

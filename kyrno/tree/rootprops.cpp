@@ -14,6 +14,7 @@
 #include "kyrno/net/address.h"
 #include "kyrno/tree/root.h"
 #include "sys/linux/qlnplat.h"
+#include "util/httpdate.h"
 
 namespace {
 
@@ -23,10 +24,10 @@ constexpr size_t kErrorText = 512;
 
 bool Is(PCH10 name, PCH10 word) { return strcasecmp(name, word) == 0; }
 
-/// Certificates, dates and TLS have no part in this build.
+/// Certificates and TLS have no part in this build.
 bool IsForeign(PCH10 name) {
-  static const PCH10 words[] = {"HttpDate",   "Security",        "RootCertDir",
-                                "DecodeCert", "InvalidateCache", "TraceGnuTLS"};
+  static const PCH10 words[] = {"Security", "RootCertDir", "DecodeCert", "InvalidateCache",
+                                "TraceGnuTLS"};
   for (PCH10 word : words)
     if (Is(name, word)) return true;
   return false;
@@ -52,6 +53,11 @@ SI4 ErrorTextOf(PAA args, PPAA out) {
   if (!code) code = VASetCH1(result.Get(), 2, text, static_cast<UI4>(strlen(text)), VACHAR);
   if (!code) *out = result.Release();
   return code;
+}
+
+SI4 DateNow(PPAA out) {
+  CH1 text[kHttpDateSize];
+  return HttpDate(text, sizeof text) ? PropText(text, out) : ERR_OPTION;
 }
 
 SI4 SetProtocol(PAA value, RPCOBJS::WORD<PROTOCOL>* to) {
@@ -102,6 +108,7 @@ SI4 ROOT::GetRPCProp(PCH10 name, PAA args, PPAA out) {
   *out = nullptr;
   if (IsForeign(name)) return ERR_NONCE;
   if (Is(name, "ErrorText")) return ErrorTextOf(args, out);
+  if (Is(name, "HttpDate")) return DateNow(out);
   if (Is(name, "ReadyStrategy")) return PropSI4(UseFnsReady, out);
   if (Is(name, "EventMode")) return PropSI4(EventMode, out);
   if (Is(name, "CompLevel")) return PropSI4(static_cast<SI4>(UI4{CompLevel}), out);
