@@ -33,6 +33,8 @@ bool Is(PCH10 name, PCH10 word) { return strcasecmp(name, word) == 0; }
 
 CONNECTION::CONNECTION() : RPCOBJS(TClient) {}
 
+CONNECTION::CONNECTION(OBJTYPE type) : RPCOBJS(type) {}
+
 CONNECTION::CONNECTION(PRPCSOCK socket) : RPCOBJS(TConnection), pCon(socket) {
   switch (socket->lError) {
     case 0:
@@ -81,6 +83,8 @@ SI4 CONNECTION::Close(PHIERAKI item) {
   for (;;) {
     const OBJSTATE state = GetState();
     if (state == SReceiving || state == SSending) return ERR_OBJECT_ACTIVITY;
+    // Another object may have taken the node over meanwhile.
+    if (state == SFinished && item->Obj() != this) return item->Obj()->Close(item);
     if (state == SFinished || state == SMarkedForDeletion) return 0;
     if (state == SSocketClosed) {
       if (ActiveClose > 0 || !Replace(SSocketClosed, SFinished)) return 0;
@@ -228,8 +232,9 @@ SI4 CONNECTION::Execute(PFDSETS sets) {
 
   if (pCon->Ready4W(&sets->ss)) blocked = false;
   SI4 code = FeedTaken(sets, item);
-  if (code == 0) code = RelayAhead();
-  if (code == 0 && pCon->Ready4R(&sets->ss)) code = ReadSome(sets, item);
+  if (code == 0) code = Resume(sets, item);
+  if (code == 0 && item->Obj() == this) code = RelayAhead();
+  if (code == 0 && item->Obj() == this && pCon->Ready4R(&sets->ss)) code = ReadSome(sets, item);
   // The object is read from the node again: a mode that has just put another one there is still
   // reported on that node, and goes on there.
   PCONNECTION const now = static_cast<PCONNECTION>(item->Obj());
@@ -297,7 +302,8 @@ void CONNECTION::CheckClosing(PFDSETS sets, PHIERAKI item) {
 }
 
 bool CONNECTION::Reads() const {
-  if (Skip > 0 || phRead || !phRelay) return true;
+  if (Skip > 0 || phRead) return true;
+  if (!phRelay) return WantsBytes();
   return !static_cast<RELAY*>(phRelay->Obj())->IsHeld();
 }
 

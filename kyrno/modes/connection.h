@@ -53,6 +53,8 @@ class CONNECTION : public RPCOBJS {
   CONNECTION();
   /// An accepted peer. Owns the socket. lErrorObj tells when it is unusable.
   explicit CONNECTION(PRPCSOCK socket);
+  /// Without a socket: it gets the one of the connection whose node it takes over.
+  explicit CONNECTION(OBJTYPE type);
   ~CONNECTION() override;
 
   /// Connects in the calling thread, which may block: outside the gate. Nobody else knows the
@@ -143,6 +145,22 @@ class CONNECTION : public RPCOBJS {
   virtual bool ReadsAhead() const { return true; }
   /// A framing buffer of the mode's size; null without memory. Made when the first bytes come.
   virtual PBUFFER NewHeader() WORK_ONLY { return nullptr; }
+  /// Bytes that belong to nobody below, n above 0: *used of them are taken, at least one. They go
+  /// to pHeader, and HeaderRecv or HeaderComplete follows.
+  virtual SI4 HeaderBytes(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, PUI4 used) WORK_ONLY;
+  /// At the beginning of each turn of a connected stream, for what waits for something else than
+  /// bytes.
+  virtual SI4 Resume(PFDSETS, PHIERAKI) WORK_ONLY { return 0; }
+  /// False to leave what comes in the kernel for now. Who changes that marks the node.
+  virtual bool WantsBytes() const WORK_ONLY { return true; }
+  /// A buffer that was sent with flag 1 is out, and nothing goes out behind it: closes this side.
+  virtual void SentLast(PHIERAKI item) WORK_ONLY;
+  /// Links the child, which it owns, under item, and sends it after what is queued already. In the
+  /// work thread's role. 1012 without memory for the node, 1009 for a name in use.
+  [[nodiscard]] SI4 QueueFromTurn(PHIERAKI item, PCH10 leaf, RPCOBJS* child) WORK_ONLY;
+  /// The stream ends: what still waits is told, then the connection becomes `to`, SError or
+  /// SSocketClosed, with this code.
+  virtual void EndStream(PHIERAKI item, OBJSTATE to, SI4 code) WORK_ONLY;
 
   PBUFFER pHeader WORK_DATA = nullptr;  // owned; null until bytes have come
   PRPCSOCK pCon = nullptr;              // constant once the object is linked
@@ -152,7 +170,6 @@ class CONNECTION : public RPCOBJS {
   bool Reads() const WORK_ONLY;
   void CheckClosing(PFDSETS sets, PHIERAKI item) WORK_ONLY;
   void Unwatched(PHIERAKI item, SI4 code) WORK_ONLY;
-  void EndStream(PHIERAKI item, OBJSTATE to, SI4 code) WORK_ONLY;
   void TryEnd(PHIERAKI item) WORK_ONLY;
   void Handshake(PHIERAKI item) WORK_ONLY;
   SI4 ReadSome(PFDSETS sets, PHIERAKI item) WORK_ONLY;

@@ -148,6 +148,10 @@ SI4 CONNECTION::FeedSome(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, UI4* us
     *used = n;
     return relay->Forward(phRelay, pHeader, data, n);
   }
+  return HeaderBytes(sets, item, data, n, used);
+}
+
+SI4 CONNECTION::HeaderBytes(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, PUI4 used) {
   if (!pHeader) pHeader = NewHeader();
   if (!pHeader || pHeader->lError) return ERR_MEMORY_ALLOC;
   const UI4 left = pHeader->Remaining();

@@ -1,5 +1,7 @@
 // connectionwrite.cpp - what a stream endpoint sends: the list of what is to go out, in the order
 // of the tree, and the gathered write.
+#include <memory>
+
 #include "kyrno/base/error.h"
 #include "kyrno/modes/connection.h"
 #include "kyrno/modes/relay.h"
@@ -88,7 +90,7 @@ void CONNECTION::Unhold(PHIERAKI relay) {
 SI4 CONNECTION::WriteSome(PFDSETS sets, PHIERAKI item) {
   for (UI4 i = 0; pOut && !blocked && i < kWritesPerTurn; ++i) {
     if (const SI4 code = WriteOnce(sets, item)) return code;
-    if (GetState() != SConnected) return 0;
+    if (GetState() != SConnected || HasEnded()) return 0;
   }
   return 0;
 }
@@ -115,7 +117,7 @@ SI4 CONNECTION::WriteOnce(PFDSETS sets, PHIERAKI item) {
       continue;
     }
     PBUFFER const buffer = obj->Outgoing();
-    const bool whole = buffer->NextSize() == buffer->Remaining();
+    const bool whole = buffer->NextSize() == buffer->Remaining() && !buffer->Refills();
     // A file is sent alone, and a large message begins a write of its own.
     if (n > 0 && (!whole || buffer->lError)) {
       if (!obj->Settle(SReadyToSend, SReadyToSend)) RootOf(item)->Mark(child);
@@ -168,10 +170,7 @@ SI4 CONNECTION::Sent(PFDSETS sets, PHIERAKI child) {
   Unlist(child);
   if (obj->NextPState == SShutdown) {
     obj->NextPState = SDoNotChange;
-    ActiveClose = Micros();
-    Replace(SConnected, SSocketClosed);
-    pCon->Shutdown();
-    shutDown = true;
+    SentLast(pItem);
   }
   const SI4 code = WriteComplete(sets, child);
   if (child->Obj()->GetState() == SFinished && child->Obj()->Abandon(child))
@@ -179,4 +178,21 @@ SI4 CONNECTION::Sent(PFDSETS sets, PHIERAKI child) {
   // A command that was closed meanwhile has waited for its report to be whole.
   if (child->Parent()->Obj()->GetState() == SFinished) RootOf(child)->Mark(child->Parent());
   return code;
+}
+
+void CONNECTION::SentLast(PHIERAKI) {
+  ActiveClose = Micros();
+  Replace(SConnected, SSocketClosed);
+  pCon->Shutdown();
+  shutDown = true;
+}
+
+SI4 CONNECTION::QueueFromTurn(PHIERAKI item, PCH10 leaf, RPCOBJS* child) {
+  std::unique_ptr<RPCOBJS> owned(child);
+  PHIERAKI const node = item->AddNew(leaf, child);
+  if (!node) return ERR_NAME_IN_USE;
+  (void)owned.release();
+  Send(node);
+  RootOf(item)->MakeDue(item);
+  return 0;
 }

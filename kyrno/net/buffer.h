@@ -87,6 +87,8 @@ class BUFFER : public POOLED {
   PCH1 Next() { return At(SizeProcessed()); }
   /// What a sender may take now: at most Blksize bytes.
   UI4 NextSize() const;
+  /// Whether more comes into the array once this is sent: nothing else may go out right behind it.
+  virtual bool Refills() const { return false; }
   /// The same as pieces of one write, of `most` bytes at most; their number, up to kPieces, and 1
   /// at least. Gathered follows when the write is over.
   static constexpr UI4 kPieces = 2;

@@ -22,6 +22,7 @@ class BUFFERFILE final : public BUFFER {
   BUFFERFILE(UI4 n1, PCH10 p1, UI4 n2, PCH10 p2, int file);
 
   BOOL NextProcessed(UI4 n) override;
+  bool Refills() const override { return foff < fsize; }
 
   QLNoff_t Filesize() const { return fsize; }
 

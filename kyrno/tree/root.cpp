@@ -144,9 +144,11 @@ void ROOT::Help() {
   if (IsTouched()) Wake();
 }
 
-void ROOT::ReplaceFromCall(PHIERAKI node, RPCOBJS* fresh) {
+void ROOT::TakeRoleFromCall() {
   while (!Role.TryTake()) sched_yield();
-  Replace(node, fresh);
+}
+
+void ROOT::GiveRoleFromCall() {
   RunDue();
   const bool more = pDue[0] || pDue[1] || pPending;
   GiveRole();

@@ -100,10 +100,13 @@ class ROOT : public RPCOBJS {
   /// Puts another object, which the node then owns, in the place of the one that is there: its
   /// state is the one it brings, what goes on is taken over (RPCOBJS::TakeOver), and the name, the
   /// children, the touched mark, the time limit, the waiters and what the socket is watched for
-  /// stay with the node.
+  /// stay with the node. The other object was connected; a close that has met it meanwhile goes on
+  /// at this one.
   void Replace(PHIERAKI node, RPCOBJS* fresh) WORK_ONLY;
-  /// The same from an interpreter thread inside the gate, which waits for the work thread's role.
-  void ReplaceFromCall(PHIERAKI node, RPCOBJS* fresh);
+  /// An interpreter thread inside the gate waits for the work thread's role, to do at once what
+  /// must have nothing of the work thread in between; then what has become due is done.
+  void TakeRoleFromCall() TSA(acquire_capability(WorkThreadRole));
+  void GiveRoleFromCall() TSA(release_capability(WorkThreadRole));
   /// Makes the room for bytes that are read ahead; 1012.
   [[nodiscard]] SI4 OpenReadAhead() WORK_ONLY;
   /// Room for bytes that are read ahead, kReadAhead of them, for as long as the caller has the

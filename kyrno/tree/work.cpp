@@ -201,6 +201,7 @@ void ROOT::Replace(PHIERAKI node, RPCOBJS* fresh) {
   RPCOBJS* const old = node->Obj();
   fresh->TakeOver(old);
   node->Replace(fresh);
+  if (!old->Move(SConnected, SFinished)) (void)fresh->Close(node);
   pGate->Retire(old);
   ++retired;
   MakeDue(node);

@@ -1,5 +1,7 @@
 // blocks_test.cpp - the modes "blkraw" and "blktext", and what may be sent in the modes that carry
 // bytes: vectors, and vectors with a file behind them.
+#include <algorithm>
+
 #include "tests/support/session.h"
 
 namespace support {
@@ -98,6 +100,24 @@ TEST(Files, GoOutBehindTheirHeadAndAreFramedWithIt) {
       block.root.Send("C", Args({head, file.path}));
       EXPECT_TRUE(block.peer.Receive(8 + expected.size()) == Block(expected, kMagic)) << size;
     }
+}
+
+TEST(Files, GoOutOneAfterTheOtherToAPeerThatReadsLate) {
+  std::string content(1500007, '\0');
+  for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 31 >> 3);
+  const TempFile file(content);
+  Dialled t("raw");
+  std::string expected;
+  for (int i = 0; i < 40; ++i) {
+    const std::string head = "<" + std::to_string(i) + ">";
+    t.root.Send("C", Args({head, file.path}));
+    expected += head + content;
+  }
+  // Each read frees room for a part of a window.
+  std::string all;
+  while (all.size() < expected.size())
+    all += t.peer.Receive(std::min<std::size_t>(40009, expected.size() - all.size()));
+  EXPECT_TRUE(all == expected);
 }
 
 TEST(Files, ThatCannotBeSentGiveACodeAndTheConnectionLives) {

@@ -74,7 +74,9 @@ TEST(Replace, TakesTheStreamTheWaitersAndWhatIsQueuedOver) {
     ROOTSHARE share;
     ASSERT_TRUE(share.Open("REPLACE"));
     PHIERAKI const node = share.Root()->FindLeaf("C");
-    share.Object()->ReplaceFromCall(node, new BYTEWISE);
+    share.Object()->TakeRoleFromCall();
+    share.Object()->Replace(node, new BYTEWISE);
+    share.Object()->GiveRoleFromCall();
     EXPECT_NE(node->Obj(), first);
     EXPECT_EQ(first->SendBuffer(node, nullptr, new BUFFER(1, "a"), 0), ERR_CLOSED);
     EXPECT_EQ(node->Obj()->SendBuffer(node, nullptr, new BUFFER(1, "b"), 0), 0);
