@@ -239,24 +239,48 @@ bool ViewZ(const void* block, UI4 length, ZVIEW* view) {
   return true;
 }
 
-UI4 ViewItems(const void* block, UI4 length, ZVIEW* items, UI4 max) {
-  if (length < kZHead || ZLength(block) != length || !IsZHeader(ZHeaderWord(block))) return 0;
-  const CH1* const base = static_cast<const CH1*>(block);
-  UI4 at = kZHead;
+bool ViewNext(const void* block, UI4 length, PUI4 offset, ZVIEW* view) {
+  if (*offset == 0) {
+    if (length < kZHead || ZLength(block) != length || !IsZHeader(ZHeaderWord(block))) return false;
+    *offset = kZHead;
+  }
   ARRAYHEAD head;
-  if (!ReadHead(base + at, length - at, &head)) return 0;
-  UI4 n = 1;
-  if (head.type == VAPntr) {
-    n = head.elements;
-    if (head.rank != 1 || n > max) return 0;
-    at += head.bytes;
+  const CH1* const array = static_cast<const CH1*>(block) + *offset;
+  if (*offset > length || !ReadHead(array, length - *offset, &head)) return false;
+  *view = {head.type, head.rank, head.elements, array + head.bytes};
+  *offset += head.type == VAPntr ? head.bytes : head.extent;
+  return true;
+}
+
+SI4 ViewBytes(const ZVIEW& view, PUI1 to) {
+  if (view.type == VAC1 || view.type == VAI1) {
+    if (view.count > 0) memcpy(to, view.data, view.count);
+    if (view.type == VAC1) VA2ascn(reinterpret_cast<PCH1>(to), view.count);
+    return 0;
   }
-  for (UI4 i = 0; i < n; ++i) {
-    if (!ReadHead(base + at, length - at, &head) || head.type == VAPntr) return 0;
-    items[i] = {head.type, head.rank, head.elements, base + at + head.bytes};
-    at += head.extent;
+  if (view.type != VAI2) return ERR_LENGTH;
+  for (UI4 i = 0; i < view.count; ++i) {
+    SI2 element;
+    memcpy(&element, view.data + sizeof element * i, sizeof element);
+    if (element < -128 || element > 255) return ERR_DOMAIN;
+    to[i] = static_cast<UI1>(element);
   }
-  return at == length ? n : 0;
+  return 0;
+}
+
+UI4 ViewItems(const void* block, UI4 length, ZVIEW* items, UI4 max) {
+  UI4 at = 0;
+  ZVIEW top;
+  if (!ViewNext(block, length, &at, &top)) return 0;
+  if (top.type != VAPntr) {
+    *items = top;
+    return at == length ? 1 : 0;
+  }
+  if (top.rank != 1 || top.count > max) return 0;
+  for (UI4 i = 0; i < top.count; ++i) {
+    if (!ViewNext(block, length, &at, &items[i]) || items[i].type == VAPntr) return 0;
+  }
+  return at == length ? top.count : 0;
 }
 
 namespace {
@@ -316,7 +340,7 @@ ZWRITER::ZWRITER(UI4 bytes) : block(static_cast<CH1*>(BlockAlloc(kZHead + UI8{by
 
 ZWRITER::~ZWRITER() { BlockFree(block); }
 
-CH1* ZWRITER::Vector(VATYPES type, UI4 n) {
+PCH1 ZWRITER::Vector(VATYPES type, UI4 n) {
   const UI8 bytes = DataBytes(type, n);
   PutVectorHead(type, n, bytes, at);
   CH1* const data = at + HeadBytes(1);
@@ -329,6 +353,16 @@ void ZWRITER::Nested(UI4 n) {
   static_assert(kNestedBytes == HeadBytes(1));
   PutVectorHead(VAPntr, n, UI8{n} * sizeof(PAA), at);
   at += kNestedBytes;
+}
+
+void ZWRITER::Matrix(VATYPES type, UI4 rows, UI4 columns) {
+  static_assert(kMatrixBytes == HeadBytes(2));
+  // Without rows a nested one still has its prototype, for which the size word counts.
+  const UI8 items = std::max<UI8>(UI8{rows} * columns, type == VAPntr ? 1 : 0);
+  PutHead(type, 2, items * sizeof(PAA), at);
+  const UI8 shape[] = {rows, columns};
+  memcpy(at + kArrayHead, shape, sizeof shape);
+  at += kMatrixBytes;
 }
 
 void ZWRITER::Int(SI4 value) {

@@ -81,6 +81,16 @@ struct ZVIEW {
 /// that ReadZ refuses.
 bool ViewZ(const void* block, UI4 length, ZVIEW* view);
 
+/// Goes through a block from front to back: looks in the same way at the array at *offset, which
+/// moves behind a simple one, and behind the head of a nested one, where its first item stands. 0
+/// is the block itself: its head is checked, and the top array is the one that is looked at. Who
+/// has come to the end as the arrays are nested, at `length`, has seen a block that ReadZ takes.
+bool ViewNext(const void* block, UI4 length, PUI4 offset, ZVIEW* view);
+
+/// The bytes of a viewed array, as many as its elements, where VAGetBytes would give them.
+/// ERR_LENGTH for a type without bytes, ERR_DOMAIN for a value that is none.
+[[nodiscard]] SI4 ViewBytes(const ZVIEW& view, PUI1 to);
+
 /// Looks in the same way at the items of a vector of at most `max` simple arrays; a simple array is
 /// its own only item. The result is their number, 0 for every other form and for everything that
 /// ReadZ refuses.
@@ -107,6 +117,7 @@ class ZWRITER {
  public:
   static constexpr UI4 kIntBytes = 24;
   static constexpr UI4 kNestedBytes = 24;
+  static constexpr UI4 kMatrixBytes = 32;
   static UI4 VectorBytes(VATYPES type, UI4 n);
 
   /// For arrays of so many bytes together, which come to less than 4 GiB.
@@ -118,6 +129,10 @@ class ZWRITER {
 
   /// The head of a vector whose n items follow.
   void Nested(UI4 n);
+  /// The head of a matrix: of a nested one, whose items follow, or of a simple one without rows.
+  void Matrix(VATYPES type, UI4 rows, UI4 columns);
+  /// A vector of a simple type: where the caller writes its elements.
+  PCH1 Vector(VATYPES type, UI4 n);
   /// A scalar.
   void Int(SI4 value);
   /// A text, translated as VASetCH1 does.
@@ -128,8 +143,6 @@ class ZWRITER {
   [[nodiscard]] PUI4 Finish();
 
  private:
-  CH1* Vector(VATYPES type, UI4 n);
-
   CH1* block;  // owned
   CH1* at;     // behind what is written
 };

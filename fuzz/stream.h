@@ -21,7 +21,7 @@ class STREAM {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) abort();
     peer = pair[1];
-    connection = make(new RPCSOCK(pair[0]));
+    CONNECTION* const connection = make(new RPCSOCK(pair[0]));
     connection->SetState(SConnected);
     ROOT* const object = static_cast<ROOT*>(root.Obj());
     if (object->Sets.ss.Open() || object->OpenReadAhead()) abort();
@@ -37,7 +37,7 @@ class STREAM {
 
   /// The peer sends; the engine turns until it has taken all or the connection has ended.
   void Send(const UI1* data, size_t n) {
-    while (n > 0 && connection->GetState() == SConnected) {
+    while (n > 0 && node && node->Obj()->GetState() == SConnected) {
       const ssize_t sent = send(peer, data, n, MSG_NOSIGNAL | MSG_DONTWAIT);
       if (sent > 0) {
         data += sent;
@@ -51,8 +51,9 @@ class STREAM {
     peer = -1;
     for (int i = 0; i < 8; ++i) Turn();
   }
+  /// The connection has ended without an event.
+  bool IsGone() const { return !node; }
 
- private:
   void Turn() {
     AssumeWorkThread();
     ROOT* const object = static_cast<ROOT*>(root.Obj());
@@ -60,9 +61,14 @@ class STREAM {
     object->Sets.ss.WakeAt(1);  // poll only
     if (SfWait(&object->Sets.ss, 0, &count)) abort();
     object->Turn(count);
+    if (!root.FirstChild()) node = nullptr;
+    if (!node) return;
     Deliver(node);
+    // One that has become something else.
+    if (node->Obj()->GetState() == SIncoming) TakeOne(&root, node);
   }
 
+ private:
   /// Picks every ready unit below, as waiting threads do; the next turn removes what is finished.
   void Deliver(PHIERAKI parent) WORK_ONLY {
     parent->WalkSub([&](PHIERAKI child) {
@@ -90,6 +96,5 @@ class STREAM {
 
   int peer = -1;
   HIERAKI root{"ROOT", new ROOT};
-  CONNECTION* connection = nullptr;
   PHIERAKI node = nullptr;
 };

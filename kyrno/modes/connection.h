@@ -98,7 +98,7 @@ class CONNECTION : public RPCOBJS {
   /// The connection to which a node below it belongs.
   static CONNECTION* Above(PHIERAKI item);
   /// A child in SReadyToSend takes its place among what is to be sent.
-  void Send(PHIERAKI child) WORK_ONLY;
+  virtual void Send(PHIERAKI child) WORK_ONLY;
   /// A child receives what comes next.
   void Receive(PHIERAKI child, PBUFFER buffer) WORK_ONLY;
   /// A relay takes all that comes, once nothing receives any more.

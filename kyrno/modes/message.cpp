@@ -1,7 +1,6 @@
 // message.cpp - units of data.
 #include "kyrno/modes/message.h"
 
-#include <cctype>
 #include <cstring>
 
 #include "Apl/vatrans.h"
@@ -13,19 +12,34 @@
 
 static constexpr UI4 MODULE = 0x00000080;
 
-PUI4 Data2Z(const CH1* bytes, UI4 n, VATYPES type) {
-  PCH1 to = nullptr;
-  PUI4 const z = VectorZ(type, n, &to);
-  if (!z) return nullptr;
+namespace {
+
+/// The event word of a piece of an HTTP stream: its name without the number.
+void PieceWord(PCH10 name, bool last, PCH1 event) {
+  static_assert(kMaxName + sizeof "Last" <= kEventSize);
+  const size_t n = strcspn(name, "0123456789");
+  memcpy(event, name, n);
+  strcpy(event + n, last ? "Last" : "");
+}
+
+}  // namespace
+
+void PutData(PCH1 to, const CH1* bytes, UI4 n, VATYPES type) {
   if (type == VAC1) {
     if (n > 0) memcpy(to, bytes, n);
     if (!isUnicode()) VA2avn(to, n);
-    return z;
+    return;
   }
   for (UI4 i = 0; i < n; ++i) {
     const SI2 element = static_cast<UI1>(bytes[i]);
     memcpy(to + sizeof element * i, &element, sizeof element);
   }
+}
+
+PUI4 Data2Z(const CH1* bytes, UI4 n, VATYPES type) {
+  PCH1 to = nullptr;
+  PUI4 const z = VectorZ(type, n, &to);
+  if (z) PutData(to, bytes, n, type);
   return z;
 }
 
@@ -49,12 +63,23 @@ MESSAGE::~MESSAGE() {
 SI4 MESSAGE::GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* next, PUI4* ppZ) {
   if (LastState == SError || LastState == SSent)
     return RPCOBJS::GetWaitReturns(item, objname, event, next, ppZ);
-  *ppZ = nullptr;
-  strcpy(event, eventname[LastState == SAPLLast ? EBlockLast : EBlock]);
+  Describe(item, objname, event);
+  return TakeData(ppZ);
+}
+
+void MESSAGE::Describe(PHIERAKI item, PCH1 objname, PCH1 event) const {
+  const bool last = LastState == SAPLLast;
+  if (Mode == MHttp)
+    PieceWord(item->GetName(), last, event);
+  else
+    strcpy(event, eventname[last ? EBlockLast : EBlock]);
   // The application knows the connection, not the unit.
   item->FullName(objname, kFullNameSize);
   if (PCH1 const dot = strrchr(objname, '.')) *dot = 0;
+}
 
+SI4 MESSAGE::TakeData(PUI4* ppZ) {
+  *ppZ = nullptr;
   if (pBuf->Start() != pBuf->Block()) {
     // Received to its place in the Z already.
     const UI4 n = pBuf->TotalSize();

@@ -15,8 +15,8 @@ class MESSAGE : public RPCOBJS, public POOLED {
   MESSAGE(PBUFFER buffer, OBJSTATE state, F8 now = Micros());
   ~MESSAGE() override;
 
-  /// "Block" or "BlockLast" of the connection, with the data as a vector: 2-byte integers from 0 to
-  /// 255 in the raw modes, characters in the others.
+  /// "Block" or "BlockLast" of the connection, in mode "http" a word of the piece's own; with the
+  /// data as a vector: 2-byte integers from 0 to 255 in the raw modes, characters in the others.
   [[nodiscard]] SI4 GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* next,
                                    PUI4* ppZ) override;
   PBUFFER GetBuffer() override { return pBuf; }
@@ -27,6 +27,11 @@ class MESSAGE : public RPCOBJS, public POOLED {
   bool IsSettled(PHIERAKI item) override WORK_ONLY;
 
  protected:
+  /// The connection's full name, and the event word.
+  void Describe(PHIERAKI item, PCH1 objname, PCH1 event) const;
+  /// The data as a Z. The buffer may be empty afterwards.
+  [[nodiscard]] SI4 TakeData(PUI4* ppZ);
+
   PBUFFER const pBuf;  // owned
 };
 
@@ -42,6 +47,8 @@ class PROGRESS : public MESSAGE {
 /// Where the n bytes of a text are to be received, so that the Z needs only its head.
 BLOCKPLACE PlaceInZ(UI4 n);
 
-/// Received bytes as a Z that the caller owns: a vector of VAI2, each byte one element, or of VAC1,
-/// in the interpreter's own character set. Null without memory.
+/// Received bytes as the elements of a vector of VAI2, each byte one, or of VAC1, in the
+/// interpreter's own character set.
+void PutData(PCH1 to, const CH1* bytes, UI4 n, VATYPES type);
+/// The same as a Z that the caller owns. Null without memory.
 PUI4 Data2Z(const CH1* bytes, UI4 n, VATYPES type);

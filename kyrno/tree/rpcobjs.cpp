@@ -37,33 +37,6 @@ constexpr UI4 kFileNameSize = 512;
 struct FREE {
   void operator()(PVOID p) const { free(p); }
 };
-using BYTES = std::unique_ptr<UI1, FREE>;
-
-/// The bytes of a simple array in a block of their own, null for none.
-SI4 BytesOf(PAA array, BYTES* block, UI4* n) {
-  *n = 0;
-  SI4 code = VAGetBytes(array, nullptr, n);
-  if (code || *n == 0) return code;
-  block->reset(static_cast<PUI1>(malloc(*n)));
-  if (!*block) return ERR_MEMORY_ALLOC;
-  return VAGetBytes(array, block->get(), n);
-}
-
-/// The bytes of a simple array in a Z, where VAGetBytes would give them.
-SI4 CopyBytes(const ZVIEW& view, PUI1 to) {
-  if (view.type != VAI2) {
-    memcpy(to, view.data, view.count);
-    if (view.type == VAC1) VA2ascn(reinterpret_cast<PCH1>(to), view.count);
-    return 0;
-  }
-  for (UI4 i = 0; i < view.count; ++i) {
-    SI2 element;
-    memcpy(&element, view.data + sizeof element * i, sizeof element);
-    if (element < -128 || element > 255) return ERR_DOMAIN;
-    to[i] = static_cast<UI1>(element);
-  }
-  return 0;
-}
 
 /// Whether a text would end before its last element.
 bool HoldsZero(PAA text) {
@@ -75,23 +48,6 @@ bool HoldsZero(PAA text) {
     if (c == 0) return true;
   }
   return false;
-}
-
-/// Opens what element 1 names, an ordinary file, for reading.
-SI4 OpenNamed(PAA array, int* file) {
-  CH1 name[kFileNameSize] = {0};
-  VAHOLD text;
-  if (VAGetpAA(array, 1, text.Out()) == 0 && text.Get()) {
-    const VATYPES type = VAType(text.Get());
-    if ((type == VAC1 || type == VAC2 || type == VAC4) && HoldsZero(text.Get())) return ERR_FILE;
-  }
-  SI4 code = VAGetUnicode(array, 1, name, sizeof name, UTF8, VACHAR);
-  if (code) return code;
-  FDHOLD opened(open(name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  struct stat st;
-  if (!opened || fstat(opened.Get(), &st) != 0 || !S_ISREG(st.st_mode)) return ERR_FILE;
-  *file = opened.Release();
-  return 0;
 }
 
 }  // namespace
@@ -140,7 +96,7 @@ SI4 RPCOBJS::ComposeBuffer(PUI4 z, UI4 size, PBUFFER* out) {
     SI4 code = ComposeBuffer(nullptr, view.count, -1, out);
     if (code) return code;
     code =
-        CopyBytes(view, reinterpret_cast<PUI1>((*out)->Start()) + (*out)->TotalSize() - view.count);
+        ViewBytes(view, reinterpret_cast<PUI1>((*out)->Start()) + (*out)->TotalSize() - view.count);
     if (code) {
       delete *out;
       *out = nullptr;
@@ -151,11 +107,12 @@ SI4 RPCOBJS::ComposeBuffer(PUI4 z, UI4 size, PBUFFER* out) {
   if (!array.Get()) return ERR_ARCHITECTURE;
   if (VARank(array.Get()) >= 2) return ERR_RANK;
 
-  BYTES block;
+  PUI1 bytes = nullptr;
   UI4 n = 0;
   if (VAType(array.Get()) != VAPntr) {
-    const SI4 code = BytesOf(array.Get(), &block, &n);
-    return code ? code : ComposeBuffer(block.get(), n, -1, out);
+    const SI4 code = GetBytes(array.Get(), &bytes, &n);
+    const std::unique_ptr<UI1, FREE> block(bytes);
+    return code ? code : ComposeBuffer(bytes, n, -1, out);
   }
 
   if (VAElems(array.Get()) > 2) return ERR_LENGTH;
@@ -164,11 +121,12 @@ SI4 RPCOBJS::ComposeBuffer(PUI4 z, UI4 size, PBUFFER* out) {
   if (code) return code;
   const VAHOLD head(first);
   if (!first) return ERR_DOMAIN;
-  if (VAElems(first) != 0) code = BytesOf(first, &block, &n);
+  if (VAElems(first) != 0) code = GetBytes(first, &bytes, &n);
   if (code) return code;
+  const std::unique_ptr<UI1, FREE> block(bytes);
   int file = -1;
   code = OpenNamed(array.Get(), &file);
-  return code ? code : ComposeBuffer(block.get(), n, file, out);
+  return code ? code : ComposeBuffer(bytes, n, file, out);
 }
 
 SI4 RPCOBJS::ComposeBuffer(PUI1 data, UI4 n, int file, PBUFFER* out) {
@@ -251,6 +209,34 @@ void RPCOBJS::Ready4Apl(PHIERAKI item) {
 ROOT* RPCOBJS::RootOf(PHIERAKI item) {
   ROOT* const root = item->pQueue ? item->pQueue->pRoot : nullptr;
   return root ? root : static_cast<ROOT*>(item->Top()->Obj());
+}
+
+SI4 GetBytes(PAA array, PUI1* bytes, PUI4 n) {
+  *bytes = nullptr;
+  *n = 0;
+  SI4 code = VAGetBytes(array, nullptr, n);
+  if (code || *n == 0) return code;
+  std::unique_ptr<UI1, FREE> block(static_cast<PUI1>(malloc(*n)));
+  if (!block) return ERR_MEMORY_ALLOC;
+  code = VAGetBytes(array, block.get(), n);
+  if (code == 0) *bytes = block.release();
+  return code;
+}
+
+SI4 OpenNamed(PAA array, int* file) {
+  CH1 name[kFileNameSize] = {0};
+  VAHOLD text;
+  if (VAGetpAA(array, 1, text.Out()) == 0 && text.Get()) {
+    const VATYPES type = VAType(text.Get());
+    if ((type == VAC1 || type == VAC2 || type == VAC4) && HoldsZero(text.Get())) return ERR_FILE;
+  }
+  SI4 code = VAGetUnicode(array, 1, name, sizeof name, UTF8, VACHAR);
+  if (code) return code;
+  FDHOLD opened(open(name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  struct stat st;
+  if (!opened || fstat(opened.Get(), &st) != 0 || !S_ISREG(st.st_mode)) return ERR_FILE;
+  *file = opened.Release();
+  return 0;
 }
 
 SI4 PropSI4(SI4 value, PPAA out) {

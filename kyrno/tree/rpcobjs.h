@@ -173,6 +173,8 @@ class RPCOBJS : public RETIRED {
   /// Finished: gives up what is still to come for it and below from the connection's stream. False
   /// when it, or something below, is half sent: that has to go out first.
   virtual bool Abandon(PHIERAKI item) WORK_ONLY;
+  /// Finished, but its socket has still something to do: Abandon answers false for now.
+  virtual bool Lingers() const WORK_ONLY { return false; }
   /// Data from this object's child proved bad while it was delivered; called by the waiting thread.
   virtual void ChildFailed(PHIERAKI item, SI4 code);
   /// A node below became ready, on a root that hands out in order of arrival.
@@ -278,6 +280,12 @@ class RPCOBJS : public RETIRED {
 
   std::atomic<UI4> word{SNew};
 };
+
+// --- parts of what is composed
+/// The bytes of a simple array in a block of their own, for free(); null for none.
+[[nodiscard]] SI4 GetBytes(PAA array, PUI1* bytes, PUI4 n);
+/// Opens what element 1 names, an ordinary file, for reading. ERR_FILE, and the codes of the text.
+[[nodiscard]] SI4 OpenNamed(PAA array, int* file);
 
 /// A property that answers with a scalar integer; 0 or 1012.
 [[nodiscard]] SI4 PropSI4(SI4 value, PPAA out);

@@ -23,7 +23,8 @@ bool LooksMissed(PHIERAKI node, ROOT* root) WORK_ONLY {
   if (!node->IsLinked() || !obj || node->isDue) return false;
   if (node->Touched.on.load(std::memory_order_seq_cst)) return false;
   // Half sent, it or a report below it: it goes when the rest is out.
-  if (obj->GetState() == SFinished) return obj->Type != TRoot && !obj->isOut && !node->FirstChild();
+  if (obj->GetState() == SFinished)
+    return obj->Type != TRoot && !obj->isOut && !node->FirstChild() && !obj->Lingers();
   return !obj->IsSettled(node) || !root->Queue.IsRight(node);
 }
 

@@ -1,0 +1,213 @@
+// websocket.cpp - mode "websocket": what is received.
+//
+//   head --> control frame: its payload is gathered, then answered or dropped
+//        --> data frame: a WSMSG, which is read to its place, then unmasked and checked
+//        --> a mistake of the peer
+//
+// Deliberate, without WSStrict: reserved bits and opcodes, missing masks and masks that a server
+// has put on are not looked at; what follows a control frame in the midst of a text is not text.
+#include "kyrno/modes/websocket.h"
+
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "kyrno/base/error.h"
+#include "kyrno/base/log.h"
+#include "kyrno/modes/message.h"
+#include "kyrno/tree/root.h"
+#include "util/base64.h"
+#include "util/itoa.h"
+
+static constexpr UI4 MODULE = 0x00000080;
+
+namespace {
+
+/// "WSFText00000000": fin or continued, opcode, number.
+void UnitName(PCH1 to, const WSHEAD& head, UI4 number) {
+  CH1 prefix[16] = "WSC";
+  if (head.fin) prefix[2] = 'F';
+  strcpy(prefix + 3, wsopcode[head.opcode]);
+  NumberedName(to, prefix, number);
+}
+
+/// Bytes at the end that begin a character without ending it, when there are any.
+UI1 Unfinished(const UI1* text, UI4 n) {
+  constexpr UI1 kLead = 0xC0;
+  UI1 k = 1;
+  while (k < n && text[n - k] < kLead) ++k;
+  return k;
+}
+
+/// A unit that is not delivered.
+void Drop(PHIERAKI child) {
+  child->Obj()->Finish();
+  RPCOBJS::RootOf(child)->Mark(child);
+}
+
+}  // namespace
+
+WEBSOCKET::WEBSOCKET(UI4 maxBlockSize, OBJTYPE type, UI4 features, PBUFFER accept)
+    : CONNECTION(type), MaxBlockSize(maxBlockSize), strict(features & WSStrict), pWSAccept(accept) {
+  Mode = MWebSocket;
+  SetState(accept ? SIncoming : SConnected);
+}
+
+WEBSOCKET::~WEBSOCKET() {
+  AssumeWorkThread();  // nobody else knows it any more
+  delete pWSAccept;
+  delete pPong;
+}
+
+SI4 WEBSOCKET::GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* next, PUI4* ppZ) {
+  if (LastState != SIncoming) return CONNECTION::GetWaitReturns(item, objname, event, next, ppZ);
+  *ppZ = nullptr;
+  item->FullName(objname, kFullNameSize);
+  strcpy(event, eventname[EWSUpgrade]);
+  *next = SConnected;
+  if (!pWSAccept) return 0;
+  pWSAccept->Rewind();
+  *ppZ = Data2Z(pWSAccept->Start(), pWSAccept->TotalSize(), VAC1);
+  if (!*ppZ) return ERR_MEMORY_ALLOC;
+  delete pWSAccept;
+  pWSAccept = nullptr;
+  return 0;
+}
+
+PBUFFER WEBSOCKET::NewHeader() { return new (std::nothrow) BUFFER(kMaxFrameHead); }
+
+SI4 WEBSOCKET::HeaderBytes(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, PUI4 used) {
+  *used = n;
+  if (failed || peerDone) return 0;
+  if (controls) return ControlBytes(sets, item, data, n, used);
+  WSHEAD head;
+  const UI4 have = pHeader ? pHeader->SizeProcessed() : 0;
+  if (have == 0 && ParseHead(data, n, &head)) {
+    *used = head.size;
+    return BeginFrame(sets, item, head);
+  }
+  // A head in pieces.
+  if (!pHeader) pHeader = NewHeader();
+  if (!pHeader || pHeader->lError) return ERR_MEMORY_ALLOC;
+  pHeader->AppendP(data, n);
+  if (!ParseHead(pHeader->Start(), pHeader->SizeProcessed(), &head)) return 0;
+  *used = head.size - have;
+  pHeader->Rewind();
+  return BeginFrame(sets, item, head);
+}
+
+SI4 WEBSOCKET::BeginFrame(PFDSETS sets, PHIERAKI item, const WSHEAD& head) {
+  if (strict) {
+    if (const UI2 fault = HeadFault(head, Type == TConnection, lastOpcode != 0, MaxBlockSize))
+      return Fail(item, fault);
+  } else if (head.length > MaxBlockSize) {
+    return ERR_MAX_BLOCK_SIZE;
+  }
+  const bool control = IsControl(head.opcode) && !IsReserved(head.opcode);
+  if (head.opcode != WSCont && !(strict && control)) lastOpcode = head.opcode;
+  if (!IsControl(head.opcode)) return BeginUnit(sets, item, head);
+  if (head.length > kMaxControl) {
+    LOG(1, ("Control frame >125 on %s: %u", item->GetName(), static_cast<UI4>(head.length)));
+    return EndQuietly(item, WSProtocolError);
+  }
+  // Reserved ones are units, only where nobody minds them.
+  if (!control) return BeginUnit(sets, item, head);
+  ++Count;
+  controlHead = head;
+  controlSize = 0;
+  controls = head.length > 0;
+  return controls ? 0 : ControlComplete(sets, item);
+}
+
+// ---- data frames
+
+SI4 WEBSOCKET::BeginUnit(PFDSETS sets, PHIERAKI item, const WSHEAD& head) {
+  const bool text = lastOpcode == WSText;
+  if (head.opcode != WSCont) check.Begin();
+  const UI8 total = head.length + splitSize;
+  if (total > UINT32_MAX) return ERR_MEMORY_ALLOC;
+  const UI4 size = static_cast<UI4>(total);
+  std::unique_ptr<BUFFER> body(size <= BUFFER::kEagerBytes ? BUFFER::NewWhole(size)
+                                                           : new (std::nothrow) BUFFER(size));
+  if (!body || body->lError) return ERR_MEMORY_ALLOC;
+  body->Append(reinterpret_cast<PCH10>(split), splitSize);
+  splitSize = 0;
+  if (strict && head.fin) lastOpcode = 0;
+
+  std::unique_ptr<WSMSG> unit(new (std::nothrow)
+                                  WSMSG(body.get(), SReceiving, head, text, sets->now));
+  if (!unit) return ERR_MEMORY_ALLOC;
+  PBUFFER const buffer = body.release();
+  unit->Mode = OBJMODE{Mode};
+  CH1 name[kMaxName];
+  UnitName(name, head, Count++);
+  PHIERAKI const child = item->AddNew(name, unit.get());
+  if (!child) return ERR_NAME_IN_USE;
+  (void)unit.release();
+  if (buffer->Complete()) return ReadComplete(sets, child);
+  Receive(child, buffer);
+  return 0;
+}
+
+SI4 WEBSOCKET::ReadRecv(PFDSETS, PHIERAKI child) {
+  WSMSG* const unit = static_cast<WSMSG*>(child->Obj());
+  if (!strict || !unit->Text) return 0;
+  UI4 n = 0;
+  const UI1* const fresh = unit->MaskBuf(child, &n);
+  if (n == 0 || check.Feed(fresh, n)) return 0;
+  Forget(child);
+  Drop(child);
+  return Fail(child->Parent(), WSBadText);
+}
+
+SI4 WEBSOCKET::ReadComplete(PFDSETS sets, PHIERAKI child) {
+  WSMSG* const unit = static_cast<WSMSG*>(child->Obj());
+  UI4 n = 0;
+  const UI1* const fresh = unit->MaskBuf(child, &n);
+  if (unit->Text && !TakeText(unit, fresh, n)) {
+    Drop(child);
+    return Fail(child->Parent(), WSBadText);
+  }
+  LOG(4, ("WS msg %d size %u", unit->Opcode, unit->Size()));
+  unit->MakeReady(child, SAPL, sets->now);
+  return 0;
+}
+
+/// The last bytes of a frame of text have come. False when it is not UTF-8.
+bool WEBSOCKET::TakeText(WSMSG* unit, const UI1* fresh, UI4 n) {
+  if (!strict) return unit->Measure();
+  if (n > 0 && !check.Feed(fresh, n)) return false;
+  if (!check.IsWhole()) {
+    if (unit->Fin) return false;
+    splitSize = Unfinished(unit->Bytes(), unit->Size());
+    memcpy(split, unit->Bytes() + unit->Size() - splitSize, splitSize);
+    unit->Cut(splitSize);
+  }
+  return unit->Measure();
+}
+
+// ---- control frames
+
+SI4 WEBSOCKET::ControlBytes(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, PUI4 used) {
+  const UI4 left = static_cast<UI4>(controlHead.length) - controlSize;
+  *used = n < left ? n : left;
+  memcpy(controlData + controlSize, data, *used);
+  controlSize += *used;
+  if (controlSize < controlHead.length) return 0;
+  controls = false;
+  if (controlHead.masked && Type == TConnection)
+    mask(controlData, controlSize, reinterpret_cast<PCH10>(controlHead.mask), kMaskSize);
+  return ControlComplete(sets, item);
+}
+
+SI4 WEBSOCKET::ControlComplete(PFDSETS sets, PHIERAKI item) {
+  LOG(4, ("WS%s size %u", wsopcode[controlHead.opcode], controlSize));
+  switch (controlHead.opcode) {
+    case WSPing:
+      return Pong(item);
+    case WSClose:
+      return PeerCloses(sets, item);
+    default:
+      return 0;
+  }
+}

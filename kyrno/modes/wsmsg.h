@@ -1,0 +1,46 @@
+// wsmsg.h - one data frame of a WebSocket on its way to the application.
+//
+//   |- lead -|---- own bytes of the frame ----|
+//   |---------------- size -----------|- cut -|
+//
+// The lead is the beginning of a character that the frame before could not finish, and what is cut
+// off belongs in front of the next frame. Both are empty unless characters may be split.
+#pragma once
+
+#include "kyrno/modes/message.h"
+#include "kyrno/modes/wsframe.h"
+
+/// Owner and threads as MESSAGE.
+class WSMSG : public MESSAGE {
+ public:
+  /// What the buffer holds already is the lead.
+  WSMSG(PBUFFER buffer, OBJSTATE state, const WSHEAD& head, bool text, F8 now);
+
+  /// "WSReceive" of the connection: (data, Fin, Opcode); the data characters when Text, else
+  /// one-byte integers.
+  [[nodiscard]] SI4 GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* next,
+                                   PUI4* ppZ) override;
+  /// Takes the peer's mask off what has come since the last time; *n bytes of it. A client never
+  /// unmasks.
+  const UI1* MaskBuf(PHIERAKI item, PUI4 n) WORK_ONLY;
+  /// Sets the last bytes aside, of a frame that is whole.
+  void Cut(UI4 bytes) WORK_ONLY { size -= bytes; }
+  /// Counts the characters of the text; false when it is not UTF-8.
+  bool Measure() WORK_ONLY;
+  const UI1* Bytes() const { return reinterpret_cast<const UI1*>(pBuf->Start()); }
+  UI4 Size() const { return size; }
+
+  const bool Text;  // belongs to a text message
+  const bool Fin;
+  const UI1 Opcode;  // of this frame
+
+ private:
+  SI4 PutText(PCH1 to, VATYPES type) const;
+
+  const bool masked;
+  UI4 Mask = 0;  // the key, beginning with its byte for the one at `done`
+  UI4 done;      // bytes without a mask
+  UI4 size;
+  UI4 count = 0;  // characters of a text
+  UI1 width = 1;  // of the widest
+};
