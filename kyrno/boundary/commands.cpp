@@ -11,6 +11,7 @@
 #include "kyrno/boundary/options.h"
 #include "kyrno/modes/cmdconnection.h"
 #include "kyrno/modes/relay.h"
+#include "kyrno/modes/udp.h"
 
 static constexpr UI4 MODULE = 0x00000010;
 
@@ -30,19 +31,38 @@ SI4 CheckZ(PUI4 z, UI4* size) {
   return *size < kMinZ || !IsZHeader(ZHeaderWord(z)) ? ERR_ARCHITECTURE : 0;
 }
 
+/// A datagram to any address, which is looked up outside the gate: that may block.
+SI4 SendDatagram(ROOTSHARE& share, const UDP* object, PCH1 path, PUI4 z) {
+  const PROTOCOL prot = object->Reaches();
+  UDPTARGET to;
+  SI4 code = to.Read(z);
+  if (code) return code;
+  share.Leave();
+  code = to.LookUp(prot);
+  if (!share.Enter()) return ERR_ROOT_NOT_FOUND;
+  if (code) return code;
+  PHIERAKI const node = share.Root()->FindLeaf(path);
+  if (!node || node->Obj()->Type != TUdp) return ERR_OBJECT_NOT_FOUND;
+  return static_cast<UDP*>(node->Obj())->SendTo(node, path + strlen(path), to);
+}
+
 /// Hands a block to the object at a path, or to the one above, which then gets the last part as a
 /// name. The object may append to the path.
-SI4 Send(PHIERAKI root, PCH1 path, PUI4 z, UI4 size, UI4 flag) {
-  PHIERAKI node = root->FindLeaf(path);
+SI4 Send(ROOTSHARE& share, PCH1 path, PUI4 z, UI4 size, UI4 flag) {
+  PHIERAKI node = share.Root()->FindLeaf(path);
   PCH1 leaf = path + strlen(path);
   if (!node) {
-    node = root->FindParent(path);
+    node = share.Root()->FindParent(path);
     if (!node) return ERR_PARENT_NOT_FOUND;
     PCH1 const dot = strrchr(path, '.');
     leaf = dot ? dot + 1 : path;
   }
   PRPCOBJS const object = node->Obj();
-  return object ? object->SendZ(node, leaf, z, size, flag) : ERR_OBJECT_NOT_FOUND;
+  if (!object) return ERR_OBJECT_NOT_FOUND;
+  if (object->Type != TUdp) return object->SendZ(node, leaf, z, size, flag);
+  // A peer is named by its address alone: this one isn't there.
+  if (*leaf) return ERR_OBJECT_NOT_FOUND;
+  return SendDatagram(share, static_cast<UDP*>(object), path, z);
 }
 
 /// (0, path).
@@ -71,16 +91,16 @@ SI4 RespondCommand(PHIERAKI node, PCH10 path, PUI4 z, UI4 size, bool complete) {
   return code;
 }
 
-SI4 Respond(PHIERAKI root, PCH10 path, PUI4 z, UI4 size, SI4 flag) {
-  PHIERAKI const node = root->FindLeaf(path);
-  if (!node || !node->Obj() || node == root) return ERR_OBJECT_NOT_FOUND;
+SI4 Respond(ROOTSHARE& share, PCH10 path, PUI4 z, UI4 size, SI4 flag) {
+  PHIERAKI const node = share.Root()->FindLeaf(path);
+  if (!node || !node->Obj() || node == share.Root()) return ERR_OBJECT_NOT_FOUND;
   if (node->Obj()->Mode == MCommand) return RespondCommand(node, path, z, size, flag != 0);
 
   const size_t n = strlen(path);
   TEXT copy(static_cast<PCH1>(malloc(n + 1 + kNameRoom)));
   if (!copy) return ERR_MEMORY_ALLOC;
   memcpy(copy.get(), path, n + 1);
-  return Send(root, copy.get(), z, size, static_cast<UI4>(flag));
+  return Send(share, copy.get(), z, size, static_cast<UI4>(flag));
 }
 
 SI4 CloseObject(ROOTSHARE& share, PCH10 path) {
@@ -101,7 +121,7 @@ PUI4 ASendZ(ROOTSHARE& share, PUI4* ppZ, ARGUMENT& arg) {
   SI4 code = arg.GetPath(path, kPathSize);
   if (!code && arg.Count() > 1) code = arg.GetNumber(&flag);
   if (!code) code = CheckZ(*ppZ, &size);
-  if (!code) code = Send(share.Root(), path, *ppZ, size, static_cast<UI4>(flag));
+  if (!code) code = Send(share, path, *ppZ, size, static_cast<UI4>(flag));
   return code ? CodeZ(code) : PathZ(path);
 }
 
@@ -112,7 +132,7 @@ PUI4 ARespondZ(ROOTSHARE& share, PUI4* ppZ, ARGUMENT& arg) {
   SI4 code = arg.GetPath(&path);
   if (!code) code = arg.GetNumber(&flag);
   if (!code) code = CheckZ(*ppZ, &size);
-  if (!code) code = Respond(share.Root(), path.Get(), *ppZ, size, flag);
+  if (!code) code = Respond(share, path.Get(), *ppZ, size, flag);
   return CodeZ(code);
 }
 

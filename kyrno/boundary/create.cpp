@@ -15,8 +15,12 @@
 #include "kyrno/boundary/options.h"
 #include "kyrno/modes/blkconnection.h"
 #include "kyrno/modes/cmdconnection.h"
+#include "kyrno/modes/httpconnection.h"
+#include "kyrno/modes/httpserver.h"
 #include "kyrno/modes/rawconnection.h"
 #include "kyrno/modes/server.h"
+#include "kyrno/modes/udp.h"
+#include "kyrno/net/address.h"
 
 static constexpr UI4 MODULE = 0x00000010;
 
@@ -52,9 +56,9 @@ struct DELETELIST {
 
 /// What the options ask for.
 struct WANTED {
-  CH1 name[kNameSize] = {0};
-  TEXT address;  // null for none
-  TEXT port;     // null for none
+  CH1 name[kNameSize + kPeerNameSize] = {0};  // a UDP client's has that of its peer behind it
+  TEXT address;                               // null for none
+  TEXT port;                                  // null for none
   OBJMODE mode = MCommand;
   UI4 size = 0;
   UI4 magic = 0;
@@ -191,8 +195,8 @@ SI4 NewServer(WANTED* w, std::unique_ptr<SERVER>* server) {
       server->reset(new (std::nothrow) BLKSERVER(w->magic, w->size, w->mode));
       break;
     case MHttp:
-    case MUdp:
-      return ERR_UNSUPPORTED;
+      server->reset(new (std::nothrow) HTTPSERVER(w->size, w->mode));
+      break;
     default:
       return ERR_NEW;
   }
@@ -214,8 +218,8 @@ SI4 NewClient(WANTED* w, std::unique_ptr<CONNECTION>* client) {
       client->reset(new (std::nothrow) BLKCONNECTION(w->magic, w->size, w->mode));
       break;
     case MHttp:
-    case MUdp:
-      return ERR_UNSUPPORTED;
+      client->reset(new (std::nothrow) HTTPCONNECTION(w->size, w->mode));
+      break;
     default:
       // Deliberate: nobody starts in WebSocket mode, it is what an HTTP connection becomes.
       client->reset(new (std::nothrow) CMDCONNECTION);
@@ -233,17 +237,56 @@ SI4 Link(ROOTSHARE& share, PCH10 name, std::unique_ptr<OBJECT> object) {
   return share.Object()->Changed(node);
 }
 
+SI4 UdpServer(ROOTSHARE& share, WANTED* w, PROTOCOL prot) {
+  std::unique_ptr<UDP> udp(new (std::nothrow) UDP(w->size));
+  if (!udp) return ERR_MEMORY_ALLOC;
+  udp->SetFilters(w->allow.release(), w->deny.release());
+  share.Leave();
+  SI4 code = udp->Bind(w->address.get(), w->port.get(), prot);
+  if (!share.Enter()) return ERR_ROOT_NOT_FOUND;
+  if (!code) code = Link(share, w->name, std::move(udp));
+  LOG(1, ("UDP added %d", code));
+  return code;
+}
+
+/// Makes the peer as well, and completes the name with its.
+SI4 UdpClient(ROOTSHARE& share, WANTED* w, PROTOCOL prot) {
+  std::unique_ptr<UDP> udp(new (std::nothrow) UDP(w->size));
+  if (!udp) return ERR_MEMORY_ALLOC;
+  QLNSOCKADDR address{};
+  share.Leave();
+  SI4 code = udp->Init(prot);
+  if (!code)
+    code = GetIPAddr(w->address.get(), w->port.get(), SOCK_DGRAM, udp->Reaches(), false, &address);
+  if (!share.Enter()) return ERR_ROOT_NOT_FOUND;
+  if (code) return code;
+
+  PHIERAKI const node = share.Root()->AddNew(w->name, udp.get());
+  if (!node) return ERR_NAME_IN_USE;
+  UDP* const object = udp.release();
+  PHIERAKI const peer = object->Peer(node, address);
+  if (!peer) {
+    (void)object->Close(node);
+    return ERR_MEMORY_ALLOC;
+  }
+  strcat(w->name, ".");
+  strcat(w->name, peer->GetName());
+  LOG(1, ("UDP added"));
+  return share.Object()->Changed(node);
+}
+
 SI4 Server(ROOTSHARE& share, WANTED* w) {
   LOG(1, ("Server called %s %s", w->name, w->port ? w->port.get() : ""));
   ROOT* const root = share.Object();
   SI4 code = CheckName(share.Root(), root, "SRV", w->name);
   if (code) return code;
+  const PROTOCOL prot = w->prot == PAny ? PROTOCOL{root->DefProt} : w->prot;
+  if (w->mode == MUdp) return UdpServer(share, w, prot);
   std::unique_ptr<SERVER> server;
   code = NewServer(w, &server);
   if (code) return code;
   server->SetFilters(w->allow.release(), w->deny.release());
   server->CompLevel = UI4{root->CompLevel};
-  const PROTOCOL prot = w->prot == PAny ? PROTOCOL{root->DefProt} : w->prot;
 
   share.Leave();
   code = server->Listen(w->port.get(), w->address.get(), prot);
@@ -260,11 +303,12 @@ SI4 Client(ROOTSHARE& share, WANTED* w) {
   ROOT* const root = share.Object();
   SI4 code = CheckName(share.Root(), root, "CLT", w->name);
   if (code) return code;
+  const PROTOCOL prot = w->prot == PAny ? PROTOCOL{root->DefProt} : w->prot;
+  if (w->mode == MUdp) return UdpClient(share, w, prot);
   std::unique_ptr<CONNECTION> client;
   code = NewClient(w, &client);
   if (code) return code;
   client->CompLevel = UI4{root->CompLevel};
-  const PROTOCOL prot = w->prot == PAny ? PROTOCOL{root->DefProt} : w->prot;
 
   share.Leave();
   code = client->Connect(w->address.get(), w->port.get(), prot);

@@ -338,8 +338,10 @@ SOCKERR RPCSOCK::Write(PBUFFER b) {
   return Sent(count, error, b, "send");
 }
 
-SI4 RPCSOCK::SendTo(PBUFFER b, const QLNSOCKADDR* addr) {
+SI4 RPCSOCK::SendTo(PBUFFER b, const QLNSOCKADDR* addr, bool* sent) {
+  *sent = false;
   if (b->lError) return b->lError;
+  if (b->NextSize() < b->Remaining()) return ERR_LENGTH;
   const SOCKET s = sock.load(std::memory_order_relaxed);
   const PCH1 at = b->Next();
   const ssize_t count = sendto(s, at, b->NextSize(), MSG_NOSIGNAL,
@@ -347,7 +349,9 @@ SI4 RPCSOCK::SendTo(PBUFFER b, const QLNSOCKADDR* addr) {
   const int error = errno;
   LOG(4,
       ("SendTo %4d %5d %8p %25.0f", s, static_cast<int>(count), static_cast<void*>(at), Micros()));
-  return Sent(count, error, b, "sendto");
+  *sent = count >= 0;
+  const SI4 code = Sent(count, error, b, "sendto");
+  return !*sent && error == EMSGSIZE ? ERR_LENGTH : code;
 }
 
 SOCKERR RPCSOCK::Accept(PRPCSOCK* out, bool* mustRest) {

@@ -159,12 +159,16 @@ class RPCSOCK {
   /// One send of several pieces, as if they were one. *sent may be less than there is, and 0 when
   /// the socket takes nothing now. ERR_SEND.
   [[nodiscard]] virtual SOCKERR WriteV(const iovec* pieces, int count, size_t* sent);
-  /// One datagram. An empty one gives ERR_CLOSED.
+  /// One datagram; what does not fit into the buffer is cut off. 0 without progress: there is none.
+  /// Deliberate: an empty one gives ERR_CLOSED. ERR_RECV.
   [[nodiscard]] virtual SI4 RecvFrom(PBUFFER b, PQLNSOCKADDR addr);
   /// One send of the buffer's next piece; a short one is no error. A buffer that fails to refill
   /// gives its own code.
   [[nodiscard]] virtual SOCKERR Write(PBUFFER b);
-  [[nodiscard]] virtual SI4 SendTo(PBUFFER b, const QLNSOCKADDR* addr);
+  /// One datagram, the buffer's next piece. *sent stays false when the socket takes nothing now,
+  /// and after a failure: ERR_LENGTH when it is too long for a datagram or a piece, ERR_SEND when
+  /// it can't go to this address. A buffer that fails to refill gives its own code.
+  [[nodiscard]] virtual SI4 SendTo(PBUFFER b, const QLNSOCKADDR* addr, bool* sent);
   /// One new connection, which the caller owns. 0 and null: there was none. mustRest as SfAccept.
   [[nodiscard]] virtual SOCKERR Accept(PRPCSOCK* out, bool* mustRest);
   /// Ends sending, not receiving. errno of the call, or 0.

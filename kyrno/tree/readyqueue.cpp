@@ -16,7 +16,8 @@ static constexpr UI4 MODULE = 0x00000080;
 
 namespace {
 
-bool IsConnection(OBJTYPE type) { return type == TClient || type == TConnection; }
+/// What has come for the application lies below these.
+bool IsEndpoint(OBJTYPE type) { return type == TClient || type == TConnection || type == TUdp; }
 
 /// The searches by rings go no further at these: what is below is none of theirs.
 bool IsLeaf(OBJTYPE type) { return type == TMessage || type == TRelay || type > TUdpPeer; }
@@ -38,7 +39,7 @@ PART PartIn(OBJSTATE state, const RPCOBJS* object) {
     case SSocketClosed:
       return object->ClosesSilently() ? EndedSilently : Ended;
     case SError:
-      if (IsConnection(object->Type)) return Ended;
+      if (IsEndpoint(object->Type)) return Ended;
       return object->Type == TCommand ? Command : Itself;
     case SAPL:
       return object->Type == TCommand ? Command : Itself;

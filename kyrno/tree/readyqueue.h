@@ -13,9 +13,9 @@
 //   SFinished, marked           skipped with all below it
 //   SIncoming, SAPLLast, SSent  an event; what is below it is not looked at
 //   SAPL, SError                an event; for a command, progress below it goes first
-//   SError of a connection,     whole units below it go first, failures after those, then the
-//   SSocketClosed               object itself, unless this side closes it (ClosesSilently) or a
-//                               child of it is being delivered
+//   SError of a connection      whole units below it go first, failures after those, then the
+//   or a UDP object,            object itself, unless this side closes it (ClosesSilently) or a
+//   SSocketClosed               child of it is being delivered
 //   any other, or seized        a passage: what is below it counts
 //
 //   InTree         the first find of the walk

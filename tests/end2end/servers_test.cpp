@@ -117,7 +117,6 @@ TEST(Creation, RefusesWhatItCannotMakeAndSaysWhy) {
     Lines left{};
   } cases[] = {
       {"ASrv", {{"Mode", "websocket"}}, 1125},
-      {"ASrv", {{"Mode", "http"}}, 1015},
       {"ASrv", {{"Mode", "nosuch"}}, 1045},
       {"ASrv", {{"NoSuch", 1}}, 1045},
       {"ASrv", {{"PublicCertFile", "some.pem"}}, 1205},

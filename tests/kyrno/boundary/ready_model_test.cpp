@@ -49,11 +49,12 @@ std::string Tell(PHIERAKI node) {
 PART Look(const OBJECT* object) {
   if (object->IsSeized()) return Passage;
   const OBJSTATE state = object->GetState();
-  const bool connection = object->Type == TClient || object->Type == TConnection;
+  const bool endpoint =
+      object->Type == TClient || object->Type == TConnection || object->Type == TUdp;
   if (state == SFinished || state == SMarkedForDeletion) return Gone;
   if (state == SSocketClosed) return object->ClosesSilently() ? EndedSilently : Ended;
   if (!IsReadyState(state)) return Passage;
-  if (state == SError && connection) return Ended;
+  if (state == SError && endpoint) return Ended;
   return object->Type == TCommand && (state == SAPL || state == SError) ? Command : Itself;
 }
 
