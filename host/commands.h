@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/console.h"
+#include "host/url.h"
 
 namespace host {
 
@@ -52,8 +53,20 @@ void CatchInterrupts();
 
 int Serve(const Console& console, const Settings& settings, const Endpoint& end,
           const Tuning& tuning);
+/// The files of a folder, and WebSockets on the same port.
+int ServeHttp(const Console& console, const Settings& settings, const std::string& dir,
+              const Endpoint& end, const Tuning& tuning);
+int ServeWebSocket(const Console& console, const Settings& settings, const Endpoint& end,
+                   const Tuning& tuning, bool strict);
 int Send(const Console& console, const Settings& settings, const Endpoint& end,
          const Tuning& tuning, const std::vector<ZValue>& values, int waitMillis);
+/// The answer to one GET request: its header too where it is asked for, its body to a file where
+/// one is named.
+int Get(const Console& console, const Settings& settings, const Url& url, bool showHeader,
+        const std::string& file);
+/// Lines from standard input as text messages, and the messages that come in. At the end of input
+/// so much silence ends it.
+int WebSocket(const Console& console, const Settings& settings, const Url& url, int waitMillis);
 int Tree(const Console& console, const Settings& settings);
 int Demo(const Console& console, const Settings& settings);
 /// The other process of the demo: serves until it is ended, its ports told on a descriptor.

@@ -52,7 +52,7 @@ void Console::Say(const std::string& text, const Json& object) const {
 void Console::Show(const std::string& who, const Event& event, const std::string& remark) const {
   if (!json) {
     std::string line =
-        Padded(who, 8) + Padded(event.event, 11) + Padded(event.name, 34) + ' ' +
+        Padded(who, 8) + Padded(event.event, 13) + Padded(event.name, 34) + ' ' +
         (TellsACode(event) ? std::to_string(event.value.Integer()) : Brief(event.value));
     if (!remark.empty()) line += "  " + remark;
     WriteLine(STDOUT_FILENO, line);

@@ -1,4 +1,4 @@
-// demo.cpp - two processes, five modes, everything compared.
+// demo.cpp - two processes, every mode, everything compared.
 #include "host/demo.h"
 
 #include <chrono>
@@ -25,6 +25,9 @@ constexpr Part kParts[] = {
     {"Blocks: blkraw and blktext", DemoBlocks},
     {"Streams: raw, text, and text cut by stop sequences", DemoStreams},
     {"Relay: two connections coupled, both ways", DemoRelay},
+    {"HTTP: a file, the same compressed, chunks with a trailer", DemoHttp},
+    {"WebSocket: text, bytes, a message in three frames", DemoWebSocket},
+    {"UDP: datagrams", DemoUdp},
 };
 
 void Title(const Console& console, const std::string& title) {
@@ -64,11 +67,12 @@ void Summary(const DemoRun& run, int childExit, double seconds) {
 
 }  // namespace
 
-void DemoRun::Connect(const std::string& client, const std::string& server, const Tuning& tuning) {
-  // A server with stops of its own is a text server all the same.
-  const std::string mode = server == "lines" ? "text" : server;
+std::string DemoRun::Connect(const std::string& client, const std::string& server,
+                             const Tuning& tuning) {
+  // A server with stops of its own is a text server all the same, and a WebSocket begins as HTTP.
+  const std::string mode = server == "lines" ? "text" : server == "websocket" ? "http" : server;
   const std::string port = std::to_string(ports.at(server));
-  session.Client(ObjectOptions(client, {mode, kLoopback, port}, tuning));
+  return session.Client(ObjectOptions(client, {mode, kLoopback, port}, tuning));
 }
 
 Event DemoRun::Await(const std::string& name) {

@@ -5,6 +5,9 @@
 //     client "blkraw", "blktext"  --------->  servers of these   send each block back
 //     client "raw", "text", "onward"  ----->  servers of these   send everything back
 //     client "lines"  --------------------->  server "lines"     numbers each line
+//     client "http"  ---------------------->  server "http"      files and chunks, see
+//     demo_webpeer.h client "websocket"  ----------------->  server "websocket" sends each message
+//     back client "udp"  ----------------------->  server "udp"       sends each datagram back
 //
 //   client "near" -> server "front" <=> relay <=> client "onward": all but the end of it here
 #pragma once
@@ -15,6 +18,7 @@
 #include <vector>
 
 #include "host/commands.h"
+#include "host/httphead.h"
 
 namespace host {
 
@@ -31,6 +35,17 @@ inline constexpr int kProgressReports = 3;
 inline constexpr int kReverseCommands = 20;
 /// A command of this text wants no answer: it asks for the answer to the last one that is held.
 inline constexpr char kNextPlease[] = "next";
+
+/// What the other process answers to requests: a file, the same file compressed, chunks as they
+/// came.
+inline constexpr char kFileTarget[] = "/file";
+inline constexpr char kGzipTarget[] = "/gzip";
+inline constexpr char kEchoTarget[] = "/echo";
+inline const HttpFields kFileFields{{"Content-Type", "text/plain"}};
+inline const HttpFields kGzipFields{{"Content-Type", "text/plain"}, {"Content-Encoding", "gzip"}};
+inline const HttpFields kChunked{{"Transfer-Encoding", "chunked"}};
+/// The bytes of that file.
+std::string ServedBytes();
 
 /// What the other process reports as progress number i.
 ZValue ProgressReport(int i);
@@ -51,8 +66,9 @@ class DemoRun {
   const Session& session;
   const Console& console;
 
-  /// A client of the name, connected to the other process' server.
-  void Connect(const std::string& client, const std::string& server, const Tuning& tuning = {});
+  /// A client of the name, connected to the other process' server; where it sends to.
+  std::string Connect(const std::string& client, const std::string& server,
+                      const Tuning& tuning = {});
   /// The next event there. Throws std::runtime_error when none comes in time.
   Event Await(const std::string& name);
   /// Shows the event with the verdict, whether it is of that kind and holds that value.
@@ -87,5 +103,8 @@ void DemoCommands(DemoRun& run);
 void DemoBlocks(DemoRun& run);
 void DemoStreams(DemoRun& run);
 void DemoRelay(DemoRun& run);
+void DemoHttp(DemoRun& run);
+void DemoWebSocket(DemoRun& run);
+void DemoUdp(DemoRun& run);
 
 }  // namespace host

@@ -6,6 +6,8 @@
 #include <stdexcept>
 
 #include "host/demo.h"
+#include "host/demo_webpeer.h"
+#include "host/wsmessages.h"
 
 namespace host {
 
@@ -13,6 +15,9 @@ namespace {
 
 constexpr int kTurnMillis = 250;
 constexpr int kMaxBlock = 1 << 20;
+
+/// "DecodeBuffers": headers, trailers and chunks.
+constexpr int kDecodeRequests = 7;
 
 /// One server per mode, and one that cuts lines.
 Json StartServers(const Session& session) {
@@ -32,6 +37,11 @@ Json StartServers(const Session& session) {
   start("raw", "raw", {});
   start("text", "text", {});
   start("lines", "text", lines);
+  start("http", "http", {});
+  session.SetProp("http", "DecodeBuffers", kDecodeRequests);
+  start("websocket", "http", {});
+  session.SetProp("websocket", "WSFeatures", kWsAutoUpgrade | kWsStrict);
+  start("udp", "udp", {});
   return ports;
 }
 
@@ -44,9 +54,11 @@ void TellPorts(const Json& ports, int fd) {
 /// What it does with each event. One thread, one session.
 class Responder {
  public:
-  explicit Responder(const Session& s) : session(s) {}
+  explicit Responder(const Session& s) : session(s), web(s), echo(s) {}
 
   void Handle(const Event& event) {
+    web.Handle(event);
+    echo.Handle(event);
     if (event.event == "Receive") return Answer(event);
     if (event.event != "Block") return;
     // A block goes by the name of its connection.
@@ -72,6 +84,8 @@ class Responder {
   }
 
   const Session& session;
+  const WebResponder web;
+  WsEcho echo;
   std::vector<Event> held;
   std::map<std::string, int> lineNumber;  // by connection
 };

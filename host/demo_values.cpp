@@ -76,6 +76,13 @@ ZValue Unit(const std::string& mode, const std::string& bytes) {
 
 ZValue ProgressReport(int i) { return ZValue::List({"step", i}); }
 
+std::string ServedBytes() {
+  constexpr int kLines = 200'000;
+  std::string text;
+  for (int i = 0; i < kLines; ++i) text += NumberedLine(i, "the same again\n");
+  return text;
+}
+
 std::string NumberedLine(int i, const std::string& line) { return std::to_string(i) + ": " + line; }
 
 }  // namespace host

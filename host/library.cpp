@@ -68,6 +68,7 @@ Library::Library(const std::string& file) : path(file) {
     Find(&pSetXLate, "SetXLate");
     Find(&pGetXLate, "GetXLate");
     Find(&pKickStart, "KickStart");
+    Find(&pcflate, "cflate");
   } catch (...) {
     dlclose(handle);
     throw;
@@ -99,6 +100,29 @@ LibraryError Library::Error(const std::string& doing, int code) const {
   pErrorText(code, name, &nameSize, text, &textSize);
   return LibraryError(doing, code, std::string(name, strnlen(name, sizeof name)),
                       std::string(text, strnlen(text, sizeof text)));
+}
+
+std::string Library::Gunzip(const std::string& compressed) const {
+  constexpr int kInflateGzip = 1 | 8;
+  constexpr int kDrop = 1 | 4;
+  constexpr int kStreamEnd = 1;
+  constexpr std::uint32_t kRoom = 1 << 16;
+
+  std::string text;
+  std::vector<std::uint8_t> out(kRoom);
+  void* session = nullptr;
+  auto left = static_cast<std::uint32_t>(compressed.size());
+  int state = 0;
+  while (state == 0) {
+    std::uint32_t room = kRoom;
+    state =
+        pcflate(kInflateGzip, &session, reinterpret_cast<const std::uint8_t*>(compressed.data()),
+                &left, out.data(), &room, 0);
+    text.append(out.begin(), out.begin() + (state >= 0 ? room : 0));
+  }
+  pcflate(kDrop, &session, nullptr, nullptr, nullptr, nullptr, 0);
+  if (state != kStreamEnd) throw std::runtime_error("no gzip stream: " + std::to_string(state));
+  return text;
 }
 
 int Library::Call(const char* root, const char* command, const std::uint32_t* right,

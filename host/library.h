@@ -89,6 +89,8 @@ class Library {
   std::array<std::uint32_t, 3> Version() const;
   int Init(const std::string& root) const;
   LibraryError Error(const std::string& doing, int code) const;
+  /// The text of a whole gzip stream. Throws std::runtime_error when it is none.
+  std::string Gunzip(const std::string& compressed) const;
 
   /// Call with prepared blocks, which stay the caller's. `right` may be null. Returns the code of
   /// Call itself; `result` takes the block that stands in the right argument's place afterwards.
@@ -114,6 +116,7 @@ class Library {
   decltype(&::Call2) pCall2;
   decltype(&::SetXLate) pSetXLate;
   decltype(&::GetXLate) pGetXLate;
+  decltype(&::cflate) pcflate;
   decltype(&::KickStart) pKickStart;
 };
 

@@ -53,28 +53,50 @@ int Run(int argc, char** argv) {
 
   std::string mode;
   std::string where;
+  std::vector<std::string> place;
   Endpoint end;
   std::vector<std::string> words;
   std::vector<ZValue> values;
   std::vector<std::string> stops;
   Tuning tuning;
   int waitMillis = 5000;
+  int quietMillis = 1000;
+  bool strict = false;
+  bool showHeader = false;
+  std::string file;
+  Url url;
   int portsFd = -1;
-  const CLI::IsMember modes({"command", "blkraw", "blktext", "raw", "text"});
+  const std::vector<std::string> both{"command", "blkraw", "blktext", "raw", "text", "udp"};
+  std::vector<std::string> served = both;
+  served.insert(served.end(), {"http", "websocket"});
 
   CLI::App* demo = app.add_subcommand("demo", "Two processes talk in every mode and compare");
   CLI::App* serve = app.add_subcommand("serve", "Send back all that comes, until interrupted");
-  serve->add_option("MODE", mode)->required()->check(modes);
-  serve->add_option("PORT", where, "[ADDRESS:]PORT; port 0 takes a free one")->required();
+  serve->add_option("MODE", mode)->required()->check(CLI::IsMember(served));
+  serve
+      ->add_option("PLACE", place,
+                   "[ADDRESS:]PORT; port 0 takes a free one; mode http: the folder comes first")
+      ->required()
+      ->expected(1, 2);
+  serve->add_flag("--strict", strict, "websocket: by the letter of RFC 6455, as http always is");
   AddTuning(serve, &stops, &tuning);
   CLI::App* send = app.add_subcommand("send", "Send values and print what comes back");
-  send->add_option("MODE", mode)->required()->check(modes);
+  send->add_option("MODE", mode)->required()->check(CLI::IsMember(both));
   send->add_option("PEER", where, "HOST:PORT")->required();
   send->add_option("VALUE", words, "JSON, or a word that is taken as text")->required();
   send->add_option("--wait", waitMillis, "Milliseconds of silence that end it")
       ->check(CLI::Range(0, std::numeric_limits<int>::max()))
       ->capture_default_str();
   AddTuning(send, &stops, &tuning);
+  CLI::App* get = app.add_subcommand("get", "Ask for a page and print what comes");
+  get->add_option("URL", where, "http://HOST[:PORT][/PATH]")->required();
+  get->add_flag("-i", showHeader, "Print the header of the answer first");
+  get->add_option("-o", file, "Where the body goes instead of standard output")->type_name("FILE");
+  CLI::App* ws = app.add_subcommand("ws", "Lines from standard input as WebSocket messages");
+  ws->add_option("URL", where, "ws://HOST[:PORT][/PATH]")->required();
+  ws->add_option("--wait", quietMillis, "Milliseconds of silence that end it behind the input")
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()))
+      ->capture_default_str();
   CLI::App* tree = app.add_subcommand("tree", "Make a few objects and draw the object tree");
   CLI::App* peer = app.add_subcommand("demo-peer", "The other process of the demo");
   peer->group("")->add_option("fd", portsFd)->required();
@@ -82,10 +104,18 @@ int Run(int argc, char** argv) {
   try {
     app.parse(Shield(argc, argv));
     if (app.get_subcommands().empty())
-      throw std::invalid_argument("say what to do: demo, serve, send or tree");
+      throw std::invalid_argument("say what to do: demo, serve, send, get, ws or tree");
     for (const std::string& stop : stops) tuning.stops.push_back(Unescape(Unshield(stop)));
     for (const std::string& word : words) values.push_back(FromArgument(Unshield(word)));
-    if (*serve || *send) end = ParseEndpoint(mode, where, !!*send);
+    if (*serve) {
+      if (place.size() != (mode == "http" ? 2u : 1u))
+        throw std::invalid_argument(mode == "http" ? "give DIR [ADDRESS:]PORT"
+                                                   : "give [ADDRESS:]PORT");
+      end = ParseEndpoint(mode, place.back(), false);
+    }
+    if (*send) end = ParseEndpoint(mode, where, true);
+    if (*get) url = ParseUrl(where, "http");
+    if (*ws) url = ParseUrl(where, "ws");
   } catch (const CLI::CallForHelp& help) {
     return app.exit(help);
   } catch (const std::exception& error) {
@@ -95,8 +125,13 @@ int Run(int argc, char** argv) {
 
   const Console console(json);
   try {
+    if (*serve && mode == "http") return ServeHttp(console, settings, place.front(), end, tuning);
+    if (*serve && mode == "websocket")
+      return ServeWebSocket(console, settings, end, tuning, strict);
     if (*serve) return Serve(console, settings, end, tuning);
     if (*send) return Send(console, settings, end, tuning, values, waitMillis);
+    if (*get) return Get(console, settings, url, showHeader, file);
+    if (*ws) return WebSocket(console, settings, url, quietMillis);
     if (*tree) return Tree(console, settings);
     if (*peer) return DemoPeer(console, settings, portsFd);
     if (*demo) return Demo(console, settings);

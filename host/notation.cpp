@@ -396,11 +396,15 @@ ZValue FromArgument(const std::string& word) {
   if (!json.is_discarded() && !json.is_null()) return FromJson(json);
   if (!word.empty() && std::strchr("[{\"", word[0]))
     throw ZError(word + " is not well-formed JSON");
-  const Json text = word;
+  return TextValue(word);
+}
+
+ZValue TextValue(const std::string& utf8) {
+  const Json text = utf8;
   try {
     static_cast<void>(text.dump());  // throws for bytes that are no UTF-8
   } catch (const Json::exception&) {
-    throw ZError("a value is neither JSON nor UTF-8 text");
+    throw ZError("a text is not well-formed UTF-8");
   }
   return FromJson(text);
 }

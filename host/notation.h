@@ -32,6 +32,9 @@ Json ToJson(const ZValue& value);
 /// word itself as text.
 ZValue FromArgument(const std::string& word);
 
+/// UTF-8 as a character vector of the narrowest type. Throws ZError when it is none.
+ZValue TextValue(const std::string& utf8);
+
 /// One line of the notation; characters outside ASCII stand as they are.
 std::string Print(const Json& json);
 

@@ -42,6 +42,8 @@ int Send(const Console& console, const Settings& settings, const Endpoint& end,
   const Library library;
   const HostSession session(library, "HOST", settings);
   const std::string client = session.Client(ObjectOptions("", end, tuning));
+  // A client of mode udp is named with its peer behind it; what fails is the client itself.
+  const std::string waited = client.substr(0, client.find('.'));
   Outstanding outstanding(end.mode);
   for (const ZValue& value : values) {
     session.Send(client, value);
@@ -50,20 +52,20 @@ int Send(const Console& console, const Settings& settings, const Endpoint& end,
 
   bool failed = false;
   while (outstanding.Any()) {
-    const Event event = session.Wait(client, waitMillis);
+    const Event event = session.Wait(waited, waitMillis);
     if (event.IsTimeout()) {
       if (end.mode == "command") throw library.Error("no answer", kTimeout);
       console.Note("nothing more came back within " + std::to_string(waitMillis) + " ms");
       break;
     }
-    if (event.code != 0) throw library.Error("AWaitZ " + client, event.code);
+    if (event.code != 0) throw library.Error("AWaitZ " + waited, event.code);
     console.Show("got", event);
     outstanding.Came(event);
     if (event.event == "Error") {
       failed = true;
       console.Fail(library.Error(event.name, static_cast<int>(event.value.Integer())));
     }
-    if (EndsConnection(event, client)) {
+    if (EndsConnection(event, waited)) {
       if (end.mode == "command" && outstanding.Any()) throw library.Error("no answer", kClosed);
       break;
     }

@@ -1,5 +1,5 @@
 // serve.cpp - a server that sends everything back.
-#include "host/commands.h"
+#include "host/serve.h"
 
 namespace host {
 
@@ -10,34 +10,43 @@ constexpr int kTurnMillis = 250;
 
 void Echo(const Session& session, const Event& event) {
   if (event.event == "Receive") session.Respond(event.name, event.value);
-  // A command is named by itself, a block by the connection that it came on.
+  // A command is named by itself, a block by the connection, or the sender, that it came from.
   if (event.event == "Block") session.Send(event.name, event.value);
 }
 
 }  // namespace
 
-int Serve(const Console& console, const Settings& settings, const Endpoint& end,
-          const Tuning& tuning) {
+int RunServer(const Console& console, const Session& session, const std::string& server,
+              const std::string& mode, const Handler& handle) {
   CatchInterrupts();
-  const Library library;
-  const HostSession session(library, "HOST", settings);
-  const std::string server = session.Server(ObjectOptions("", end, tuning));
   const int port = session.Port(server);
-  console.Say("serving " + end.mode + " on port " + std::to_string(port) + " as " + server,
-              {{"event", "Listen"}, {"name", server}, {"mode", end.mode}, {"port", port}});
+  console.Say("serving " + mode + " on port " + std::to_string(port) + " as " + server,
+              {{"event", "Listen"}, {"name", server}, {"mode", mode}, {"port", port}});
 
   while (!Interrupted()) {
     const Event event = session.Wait(server, kTurnMillis);
     if (event.IsTimeout()) continue;
-    if (event.code != 0) throw library.Error("AWaitZ " + server, event.code);
-    console.Show("served", event);
+    if (event.code != 0) throw session.Lib().Error("AWaitZ " + server, event.code);
+    std::string remark;
     try {
-      Echo(session, event);
+      remark = handle(event);
     } catch (const LibraryError& error) {
       console.Fail(error);  // this peer is gone; the others are served on
     }
+    console.Show("served", event, remark);
   }
   return 0;
+}
+
+int Serve(const Console& console, const Settings& settings, const Endpoint& end,
+          const Tuning& tuning) {
+  const Library library;
+  const HostSession session(library, "HOST", settings);
+  const std::string server = session.Server(ObjectOptions("", end, tuning));
+  return RunServer(console, session, server, end.mode, [&](const Event& event) {
+    Echo(session, event);
+    return std::string();
+  });
 }
 
 }  // namespace host

@@ -1,0 +1,24 @@
+// url.h - the addresses that "get" and "ws" take.
+#pragma once
+
+#include <string>
+
+namespace host {
+
+struct Url {
+  std::string host;    ///< without the brackets of an IPv6 address
+  std::string port;    ///< 80 where the address names none
+  std::string target;  ///< path and query, begins with a slash
+
+  /// What the Host field says.
+  std::string Authority() const;
+};
+
+/// SCHEME://HOST[:PORT][/PATH][?QUERY]. A fragment is dropped. Bytes that may not stand in a
+/// request line are percent-encoded. Throws std::invalid_argument with what is wanted.
+Url ParseUrl(const std::string& text, const std::string& scheme);
+
+/// Every byte but letters, digits and those in `plain` as %XX.
+std::string PercentEncode(const std::string& text, const std::string& plain);
+
+}  // namespace host
