@@ -1,5 +1,5 @@
 # The test programs, one per layer, and what CTest knows of them. The label is the layer's name:
-# unit, host, end2end, interop or stress.
+# unit, host, end2end, interop, browser or stress.
 
 find_package(GTest REQUIRED)
 include(GoogleTest)
@@ -57,12 +57,15 @@ endif()
 
 # The other layers open the library as an interpreter does and share no code with it.
 file(GLOB support_sources CONFIGURE_DEPENDS tests/support/*.cpp)
-foreach(layer IN ITEMS end2end interop stress)
+foreach(layer IN ITEMS end2end interop browser stress)
   file(GLOB_RECURSE layer_tests CONFIGURE_DEPENDS tests/${layer}/*_test.cpp)
   if(layer_tests)
     kyrno_tests(${layer} 300 ${layer_tests} ${support_sources})
     target_link_libraries(kyrno_${layer}_tests PRIVATE kyrno_host_core)
     add_dependencies(kyrno_${layer}_tests kyrno-host)
+    # Scripts and documents that they go by stay where they are.
+    target_compile_definitions(kyrno_${layer}_tests
+      PRIVATE KYRNO_SOURCES="${PROJECT_SOURCE_DIR}")
   endif()
 endforeach()
 
