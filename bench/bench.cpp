@@ -8,22 +8,22 @@
 // This program is the peer program of the library too, see bench/peer.h.
 #include <sched.h>
 #include <sys/types.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <climits>
 #include <fstream>
 #include <iostream>
 #include <map>
 #include <optional>
 #include <thread>
 
+#include "bench/beside.h"
 #include "bench/check.h"
 #include "bench/child.h"
 #include "bench/kyrno.h"
 #include "bench/peer.h"
 #include "bench/plain.h"
 #include "bench/report.h"
+#include "bench/web.h"
 
 namespace bench {
 
@@ -34,7 +34,7 @@ using nlohmann::json;
 constexpr int kTurns = 5;
 constexpr std::chrono::seconds kRest{10};
 
-constexpr std::string_view kThisProgram;
+constexpr std::string_view kThisProgram;  // for Beside
 
 struct Entrant {
   std::string_view system;
@@ -49,28 +49,41 @@ constexpr Entrant kEntrants[] = {
     {"sockets-call", "peers/sockets", kPlainSockets},
     {"zeromq", "peers/peer_zmq", ""},
     {"nng", "peers/peer_nng", ""},
+    {kNginx, kThisProgram, ""},
+    {kNginxSendfile, kThisProgram, ""},
+    {kNode, kThisProgram, ""},
+    {"lws", "peers/peer_lws", ""},
 };
 
-/// Who takes part in a work, with how many idle connections, and whether on one processor alone.
+enum class Where { Both, SameOnly, SplitOnly };
+
+/// Who takes part in a work, with how many idle connections, and in which places.
 struct LineUp {
   std::string_view work;
   int idle;
-  bool sameOnly;
+  Where where;
   std::vector<std::string_view> systems;
 };
 
 const std::vector<LineUp>& LineUps() {
+  using enum Where;
   static const std::vector<LineUp> lineUps{
-      {"rpc1", 0, false, {"kyrno", "sockets", "sockets-2t", "sockets-call", "zeromq", "nng"}},
-      {"rpc64", 0, false, {"kyrno", "sockets", "sockets-2t", "sockets-call", "zeromq", "nng"}},
-      {"bulk1M", 0, false, {"kyrno", "sockets", "sockets-2t", "zeromq", "nng"}},
-      {"bulk64M", 0, false, {"kyrno", "sockets", "sockets-2t", "zeromq", "nng"}},
-      {"rpc-idle", 0, false, {"kyrno", "sockets", "sockets-2t", "zeromq", "nng"}},
-      {"rpc-idle", 1'000, false, {"kyrno", "sockets", "sockets-2t", "zeromq", "nng"}},
-      {"rpc-idle", 10'000, true, {"kyrno", "sockets"}},
-      {"fan64", 0, false, {"kyrno", "sockets", "zeromq", "nng"}},
-      {"connect", 0, false, {"kyrno", "sockets"}},
-      {"idle-cpu", 10'000, true, {"kyrno"}},
+      {"rpc1", 0, Both, {"kyrno", "sockets", "sockets-2t", "sockets-call", "zeromq", "nng"}},
+      {"rpc64", 0, Both, {"kyrno", "sockets", "sockets-2t", "sockets-call", "zeromq", "nng"}},
+      {"bulk1M", 0, Both, {"kyrno", "sockets", "sockets-2t", "zeromq", "nng"}},
+      {"bulk64M", 0, Both, {"kyrno", "sockets", "sockets-2t", "zeromq", "nng"}},
+      {"rpc-idle", 0, Both, {"kyrno", "sockets", "sockets-2t", "zeromq", "nng"}},
+      {"rpc-idle", 1'000, Both, {"kyrno", "sockets", "sockets-2t", "zeromq", "nng"}},
+      {"rpc-idle", 10'000, SameOnly, {"kyrno", "sockets"}},
+      {"fan64", 0, Both, {"kyrno", "sockets", "zeromq", "nng"}},
+      {"connect", 0, Both, {"kyrno", "sockets"}},
+      {"idle-cpu", 10'000, SameOnly, {"kyrno"}},
+      {"http1", 0, SplitOnly, {"kyrno", kNginx, kNode, "lws"}},
+      {"http64", 0, SplitOnly, {"kyrno", kNginx, kNode, "lws"}},
+      {"http512", 0, SplitOnly, {"kyrno", kNginx, kNode, "lws"}},
+      {"http-file", 0, SplitOnly, {"kyrno", kNginx, kNginxSendfile}},
+      {"ws64", 0, SplitOnly, {"kyrno", kNode, "lws"}},
+      {"udp1", 0, Both, {"kyrno", "sockets"}},
   };
   return lineUps;
 }
@@ -86,7 +99,9 @@ struct Place {
   int server;
   int client;
 
-  bool IsSame() const { return server == client; }
+  bool Holds(Where where) const {
+    return where == Where::Both || (where == Where::SameOnly) == (server == client);
+  }
 };
 
 struct Contest {
@@ -104,15 +119,6 @@ struct Selection {
     return chosen.empty() || std::find(chosen.begin(), chosen.end(), name) != chosen.end();
   }
 };
-
-std::string ProgramPath(std::string_view program) {
-  char self[PATH_MAX];
-  const ssize_t n = readlink("/proc/self/exe", self, sizeof self);
-  if (n <= 0) throw std::runtime_error("cannot find the own program");
-  const std::string path(self, static_cast<std::size_t>(n));
-  if (program == kThisProgram) return path;
-  return path.substr(0, path.rfind('/') + 1).append(program);
-}
 
 /// The processors that this process may use.
 std::vector<int> Processors() {
@@ -187,22 +193,30 @@ class Contestant {
   void Start(const Entrant& entrant, const Contest& contest, int idle) {
     const std::string work = contest.work.name;
     const std::string system(entrant.system);
-    server.emplace(ProgramPath(entrant.program), std::vector<std::string>{"server", work, system},
+    server.emplace(Beside(entrant.program), std::vector<std::string>{"server", work, system},
                    contest.place.server);
     const std::string port = std::to_string(server->Line().at("port").get<int>());
-    const auto asClient = [&](const std::string& task, bool plain, int number) {
-      plain &= !entrant.plain.empty();
-      return Child(ProgramPath(plain ? kThisProgram : entrant.program),
-                   {"client", port, task, plain ? std::string(entrant.plain) : system,
-                    std::to_string(number)},
+    const auto asClient = [&](std::string_view program, std::string_view as,
+                              const std::string& task, int number) {
+      return Child(Beside(program), {"client", port, task, std::string(as), std::to_string(number)},
                    contest.place.client);
     };
+    const bool hasPlain = !entrant.plain.empty();
+    const auto asPlain = [&](const std::string& task, int number) {
+      return hasPlain ? asClient(kThisProgram, entrant.plain, task, number)
+                      : asClient(entrant.program, entrant.system, task, number);
+    };
     if (idle > 0) {
-      crowd.emplace(asClient("idle", true, idle));
+      crowd.emplace(asPlain("idle", idle));
       crowd->Line();
     }
-    if (!contest.work.IsRest())
-      client.emplace(asClient(work, contest.work.ConnectsEachTime(), server->Pid()));
+    if (contest.work.IsRest()) return;
+    if (contest.work.HasCommonClient())
+      client.emplace(asClient(kThisProgram, kWebClients, work, server->Pid()));
+    else if (contest.work.ConnectsEachTime())
+      client.emplace(asPlain(work, server->Pid()));
+    else
+      client.emplace(asClient(entrant.program, entrant.system, work, server->Pid()));
   }
 
   /// The first failure ends this contestant's part, and the others go on.
@@ -231,7 +245,7 @@ class Contestant {
 std::vector<json> Hold(const Contest& contest, const Selection& selection) {
   std::vector<std::unique_ptr<Contestant>> contestants;
   for (const LineUp& lineUp : LineUps()) {
-    if (lineUp.work != contest.work.name || (lineUp.sameOnly && !contest.place.IsSame())) continue;
+    if (lineUp.work != contest.work.name || !contest.place.Holds(lineUp.where)) continue;
     for (const std::string_view system : lineUp.systems)
       if (Selection::Has(selection.systems, system))
         contestants.push_back(
@@ -264,6 +278,13 @@ bool Check(const json& results, const Selection& selection) {
     return Selection::Has(selection.works, work) && Selection::Has(selection.systems, system) &&
            Selection::Has(selection.places, place);
   });
+}
+
+std::unique_ptr<System> MakeSystem(std::string_view name) {
+  if (name == "kyrno") return MakeKyrno();
+  if (name == kWebClients) return MakeWebClients();
+  if (name == kNginx || name == kNginxSendfile || name == kNode) return MakeProgram(name);
+  return MakePlain(name);
 }
 
 int Main(int argc, char** argv) {
@@ -310,9 +331,7 @@ int Main(int argc, char** argv) {
 int main(int argc, char** argv) {
   const std::vector<std::string> arguments(argv + 1, argv + argc);
   if (!arguments.empty() && (arguments[0] == "server" || arguments[0] == "client"))
-    return bench::RunPeer(arguments, [](const std::string& system) {
-      return system == "kyrno" ? bench::MakeKyrno() : bench::MakePlain(system);
-    });
+    return bench::RunPeer(arguments, bench::MakeSystem);
   try {
     signal(SIGPIPE, SIG_IGN);
     return bench::Main(argc, argv);

@@ -16,6 +16,9 @@ enum class Bound { AtMost, AtLeast };
 constexpr int kNone = -1;
 constexpr const char* kOurs = "kyrno";
 
+/// Whether a figure has to be reached, or is shown only.
+enum class Force { Required, Aim };
+
 /// A figure of the library against that of another system, or against its own with fewer idle
 /// connections. Without a system the factor is the bound itself.
 struct Requirement {
@@ -27,6 +30,7 @@ struct Requirement {
   double factor;
   const char* system;
   int systemIdle;
+  Force force = Force::Required;
 };
 
 constexpr Requirement kRequirements[] = {
@@ -40,6 +44,14 @@ constexpr Requirement kRequirements[] = {
     {"fan64", "same", kNone, "rate", Bound::AtLeast, 0.5, "zeromq", kNone},
     {"connect", "same", kNone, "rate", Bound::AtLeast, 0.3, "sockets", kNone},
     {"idle-cpu", "same", 10'000, "srv_us", Bound::AtMost, 10'000, nullptr, kNone},
+    {"http64", "split", kNone, "rate", Bound::AtLeast, 1, "node", kNone},
+    {"http64", "split", kNone, "rate", Bound::AtLeast, 1, "lws", kNone, Force::Aim},
+    {"http512", "split", kNone, "rate", Bound::AtLeast, 1, "node", kNone},
+    {"http512", "split", kNone, "rate", Bound::AtLeast, 1, "lws", kNone, Force::Aim},
+    {"http-file", "split", kNone, "gbs", Bound::AtLeast, 0.7, "nginx", kNone},
+    {"ws64", "split", kNone, "rate", Bound::AtLeast, 1, "node", kNone},
+    {"ws64", "split", kNone, "rate", Bound::AtLeast, 1, "lws", kNone, Force::Aim},
+    {"udp1", "split", kNone, "p50us", Bound::AtMost, 2, "sockets", kNone},
 };
 
 std::optional<double> Find(const json& results, const Requirement& r, const char* system,
@@ -75,10 +87,12 @@ bool Meets(const json& results, const Requirement& r) {
   const double limit = *other * r.factor;
   const bool meets = atMost ? *ours <= limit : *ours >= limit;
   std::printf("%11.2f %s %11.2f", *ours, atMost ? "<=" : ">=", limit);
+  const bool isAim = r.force == Force::Aim;
   if (r.system)
-    std::printf("   %.2f x %s, required %.2f", *ours / *other, DescribeOther(r).c_str(), r.factor);
-  std::printf("   %s\n", meets ? "ok" : "FAIL");
-  return meets;
+    std::printf("   %.2f x %s, %s %.2f", *ours / *other, DescribeOther(r).c_str(),
+                isAim ? "aim" : "required", r.factor);
+  std::printf("   %s\n", meets ? "ok" : isAim ? "not yet" : "FAIL");
+  return meets || isAim;
 }
 
 }  // namespace

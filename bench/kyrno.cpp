@@ -3,87 +3,16 @@
 //
 //   command   ASendZ flag 0   AWaitZ brings it, ARespondZ returns its block, AWaitZ brings that
 //   array     ASendZ flag 2   AWaitZ brings it
+//
+// The other modes: bench/kyrno_web.cpp.
 #include "bench/kyrno.h"
 
-#include "host/library.h"
+#include "bench/calls.h"
+#include "bench/kyrno_web.h"
 
 namespace bench {
 
 namespace {
-
-using host::ZArray;
-using host::ZBlock;
-using host::ZValue;
-
-using Block = std::vector<std::uint32_t>;
-
-constexpr int kWaitMillis = 5'000;
-
-Block TextBlock(std::size_t bytes) { return ZValue(std::string(bytes, 'k')).Encode(); }
-
-/// The argument (path, number) of a command. A new path of the same length, which nearly every one
-/// has, is written over the old one.
-class PathArgument {
- public:
-  explicit PathArgument(int n) : number(n) {}
-  PathArgument(std::string_view path, int n) : number(n) { Encode(path); }
-
-  void SetPath(std::string_view path) {
-    if (path.size() == length)
-      std::memcpy(reinterpret_cast<unsigned char*>(block.data()) + at, path.data(), length);
-    else
-      Encode(path);
-  }
-  const std::uint32_t* Get() const { return block.data(); }
-
- private:
-  void Encode(std::string_view path) {
-    block = ZValue::List({path, number}).Encode();
-    const auto* bytes = reinterpret_cast<const unsigned char*>(block.data());
-    const std::size_t size = block.size() * sizeof block[0];
-    const ZArray list = ZArray::Read(bytes, size, 8);
-    const ZArray text = ZArray::Read(bytes, size, list.next);
-    at = static_cast<std::size_t>(text.data - bytes);
-    length = path.size();
-  }
-
-  const int number;
-  Block block;
-  std::size_t at = 0;      // of the path's bytes in the block
-  std::size_t length = 0;  // of the path
-};
-
-/// What a wait brought; the texts stand in the result.
-struct Arrival {
-  ZBlock result;
-  ZBlock data;
-  std::string_view name;
-  std::string_view event;
-};
-
-/// False when nothing came in time.
-bool Wait(const host::Session& session, const PathArgument& request, Arrival* arrival) {
-  const int code = session.CallWait(request.Get(), &arrival->result, &arrival->data);
-  if (code == host::kTimeout) return false;
-  if (code != 0) throw session.Lib().Error("AWaitZ", code);
-  const auto* bytes = reinterpret_cast<const unsigned char*>(arrival->result.Get());
-  const std::size_t size = arrival->result.Size();
-  const ZArray number = ZArray::Read(bytes, size, arrival->result.Top().next);
-  const ZArray name = ZArray::Read(bytes, size, number.next);
-  arrival->name = name.Text();
-  arrival->event = ZArray::Read(bytes, size, name.next).Text();
-  return true;
-}
-
-/// ASendZ or ARespondZ.
-void Pass(const host::Session& session, const char* command, const PathArgument& argument,
-          const std::uint32_t* array) {
-  ZBlock result;
-  ZBlock untouched;
-  int code = session.Call(command, argument.Get(), array, &result, &untouched);
-  if (code == 0) code = result.Code();
-  if (code != 0) throw session.Lib().Error(command, code);
-}
 
 host::Options OptionsOf(const std::string& name, const std::string& port) {
   return {{"Name", name}, {"Address", "127.0.0.1"}, {"Port", port}, {"Mode", "command"}};
@@ -170,10 +99,12 @@ class KyrnoClient : public Client {
 
 class Kyrno : public System {
  public:
-  std::unique_ptr<Server> Listen(const Work&) override {
+  std::unique_ptr<Server> Listen(const Work& work) override {
+    if (work.speech != Speech::Own) return MakeKyrnoWebServer(session, work);
     return std::make_unique<KyrnoServer>(session);
   }
   std::unique_ptr<Client> Connect(int port, const Work& work) override {
+    if (work.speech == Speech::Udp) return MakeKyrnoDatagramClient(session, port);
     return std::make_unique<KyrnoClient>(session, port, work);
   }
 

@@ -9,6 +9,8 @@
 //
 // A command carries kCommandBytes and is answered with the same bytes. An array carries more and is
 // not answered: a command behind the arrays tells by its answer that all have arrived.
+//
+// In the works of the web the servers speak HTTP or WebSocket, and all get the same clients.
 #pragma once
 
 #include <signal.h>
@@ -36,14 +38,20 @@
 namespace bench {
 
 inline constexpr std::size_t kCommandBytes = 64;
+/// The body of every answer in the works of HTTP that fetch no file.
+inline constexpr std::string_view kHello = "Hello, world!";
+
+/// What the two sides speak: what a system has of its own, or a protocol that all understand.
+enum class Speech { Own, Http, HttpFile, WebSocket, Udp };
 
 /// What a server and its clients agree on.
 struct Work {
   const char* name;
-  std::size_t bytes;     ///< of each command or array
+  std::size_t bytes;     ///< of each command, array or body of an answer
   unsigned outstanding;  ///< commands on their way at once, or arrays up to the closing command
   unsigned connections;  ///< of the client, over which its commands are spread
   bool manyConnections;  ///< a server has to look for the connection that speaks
+  Speech speech = Speech::Own;
 
   bool IsBulk() const { return bytes > kCommandBytes; }
   /// Further connections are open and silent.
@@ -52,6 +60,10 @@ struct Work {
   bool IsRest() const { return Is("idle-cpu"); }
   /// Each command has a connection of its own.
   bool ConnectsEachTime() const { return Is("connect"); }
+  /// The clients are the same for the servers of all systems.
+  bool HasCommonClient() const {
+    return speech == Speech::Http || speech == Speech::HttpFile || speech == Speech::WebSocket;
+  }
 
  private:
   bool Is(std::string_view other) const { return name == other; }
@@ -66,6 +78,12 @@ inline constexpr std::array kWorks{
     Work{"fan64", kCommandBytes, 64, 64, true},
     Work{"connect", kCommandBytes, 1, 1, true},
     Work{"idle-cpu", kCommandBytes, 1, 1, true},
+    Work{"http1", kHello.size(), 1, 1, true, Speech::Http},
+    Work{"http64", kHello.size(), 64, 64, true, Speech::Http},
+    Work{"http512", kHello.size(), 512, 512, true, Speech::Http},
+    Work{"http-file", std::size_t{256} << 20, 1, 1, true, Speech::HttpFile},
+    Work{"ws64", kCommandBytes, 64, 64, true, Speech::WebSocket},
+    Work{"udp1", kCommandBytes, 1, 1, true, Speech::Udp},
 };
 
 inline const Work& FindWork(std::string_view name) {
@@ -87,7 +105,7 @@ class Client {
   /// Waits for answers; returns how many came, at least one.
   virtual unsigned Receive() = 0;
   /// Sends one array, for the bulk works alone.
-  virtual void Push() = 0;
+  virtual void Push() { throw std::runtime_error("this client sends commands alone"); }
 };
 
 /// Answers commands and drops arrays, from any number of connections if the work says so.
@@ -102,17 +120,15 @@ class Server {
   virtual void Serve() = 0;
 };
 
-/// What a program implements.
-class System {
+/// What a client does again and again: a short run, and its figures.
+class Load {
  public:
-  System() = default;
-  virtual ~System() = default;
-  System(const System&) = delete;
-  System& operator=(const System&) = delete;
+  Load() = default;
+  virtual ~Load() = default;
+  Load(const Load&) = delete;
+  Load& operator=(const Load&) = delete;
 
-  /// Listens on a free port of 127.0.0.1.
-  virtual std::unique_ptr<Server> Listen(const Work& work) = 0;
-  virtual std::unique_ptr<Client> Connect(int port, const Work& work) = 0;
+  virtual nlohmann::json Run() = 0;
 };
 
 /// Processor time that a process, with all its threads, has used.
@@ -140,12 +156,13 @@ inline double Quantile(std::vector<double>& values, double share) {
   return *nth;
 }
 
-/// Short runs of one work.
-class Measurement {
+/// Runs of commands or arrays through a client.
+class Measurement : public Load {
  public:
-  Measurement(Client& c, const Work& w, pid_t serverPid) : client(c), work(w), server(serverPid) {}
+  Measurement(std::unique_ptr<Client> c, const Work& w, pid_t serverPid)
+      : client(std::move(c)), work(w), server(serverPid) {}
 
-  nlohmann::json Run() {
+  nlohmann::json Run() override {
     nlohmann::json result;
     const double serverBefore = server.Micros();
     const Clock::time_point begin = Clock::now();
@@ -178,8 +195,8 @@ class Measurement {
     micros.clear();
     Clock::time_point before = Clock::now();
     do {
-      client.Send(1);
-      client.Receive();
+      client->Send(1);
+      client->Receive();
       const Clock::time_point now = Clock::now();
       micros.push_back(std::chrono::duration<double, std::micro>(now - before).count());
       before = now;
@@ -190,14 +207,14 @@ class Measurement {
   /// Each answer makes room for the next command.
   std::uint64_t Pipeline() {
     std::uint64_t done = 0;
-    client.Send(work.outstanding);
+    client->Send(work.outstanding);
     while (GoesOn(done, Clock::now())) {
-      const unsigned n = client.Receive();
+      const unsigned n = client->Receive();
       done += n;
-      client.Send(n);
+      client->Send(n);
     }
     for (unsigned left = work.outstanding; left > 0;) {
-      const unsigned n = client.Receive();
+      const unsigned n = client->Receive();
       done += n;
       left -= n;
     }
@@ -208,19 +225,40 @@ class Measurement {
   std::uint64_t Arrays() {
     std::uint64_t done = 0;
     do {
-      for (unsigned i = 0; i < work.outstanding; ++i) client.Push();
-      client.Send(1);
-      client.Receive();
+      for (unsigned i = 0; i < work.outstanding; ++i) client->Push();
+      client->Send(1);
+      client->Receive();
       done += work.outstanding;
     } while (GoesOn(done, Clock::now()));
     return done;
   }
 
-  Client& client;
+  const std::unique_ptr<Client> client;
   const Work& work;
   const ProcessorTime server;
   Clock::time_point end;
   std::vector<double> micros;  // of each round trip of the last run
+};
+
+/// What a program implements; one without servers or without clients leaves that part out.
+class System {
+ public:
+  System() = default;
+  virtual ~System() = default;
+  System(const System&) = delete;
+  System& operator=(const System&) = delete;
+
+  /// Listens on a free port of 127.0.0.1.
+  virtual std::unique_ptr<Server> Listen(const Work&) {
+    throw std::runtime_error("this system has clients alone");
+  }
+  virtual std::unique_ptr<Client> Connect(int, const Work&) {
+    throw std::runtime_error("this system has servers alone");
+  }
+  /// Runs against the server with this process id.
+  virtual std::unique_ptr<Load> Prepare(int port, const Work& work, pid_t server) {
+    return std::make_unique<Measurement>(Connect(port, work), work, server);
+  }
 };
 
 inline int ToInt(std::string_view text) {
@@ -297,9 +335,8 @@ int RunPeer(const std::vector<std::string>& arguments, Make make) {
       return 0;
     }
     const Work& work = FindWork(arguments[2]);
-    const std::unique_ptr<Client> client = system->Connect(port, work);
-    Measurement measurement(*client, work, number);
-    while (AwaitByte()) PrintLine(measurement.Run());
+    const std::unique_ptr<Load> load = system->Prepare(port, work, number);
+    while (AwaitByte()) PrintLine(load->Run());
     return 0;
   } catch (const std::exception& e) {
     PrintLine({{"error", e.what()}});

@@ -75,8 +75,6 @@ class PlainClient : public Client {
     return 1;
   }
 
-  void Push() override { throw std::runtime_error("a plain client sends commands alone"); }
-
  private:
   void Open() {
     Descriptor opened = NewSocket();
@@ -102,9 +100,6 @@ class Plain : public System {
  public:
   explicit Plain(Protocol p) : protocol(std::move(p)) {}
 
-  std::unique_ptr<Server> Listen(const Work&) override {
-    throw std::runtime_error("a plain system has clients alone");
-  }
   std::unique_ptr<Client> Connect(int port, const Work& work) override {
     return std::make_unique<PlainClient>(protocol, port, work.ConnectsEachTime());
   }

@@ -1,15 +1,18 @@
-// socket.h - bare TCP sockets for the benchmark's programs.
+// socket.h - bare sockets for the benchmark's programs.
 #pragma once
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <system_error>
 #include <utility>
 
@@ -48,13 +51,43 @@ inline sockaddr_in Loopback(int port, unsigned number = 1) {
   return address;
 }
 
-inline Descriptor NewSocket() {
-  return Descriptor(static_cast<int>(Checked(socket(AF_INET, SOCK_STREAM, 0), "socket")));
+inline Descriptor NewSocket(int type = SOCK_STREAM) {
+  return Descriptor(static_cast<int>(Checked(socket(AF_INET, type, 0), "socket")));
 }
+
+/// Many connections, watched for something to receive.
+class Poll {
+ public:
+  void Watch(int fd) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    Checked(epoll_ctl(poll.Get(), EPOLL_CTL_ADD, fd, &event), "epoll");
+  }
+  /// Waits; valid until the next call.
+  std::span<const epoll_event> Wait() {
+    const auto n = Checked(
+        epoll_wait(poll.Get(), events.data(), static_cast<int>(events.size()), -1), "epoll");
+    return std::span(events).first(static_cast<std::size_t>(n));
+  }
+
+ private:
+  const Descriptor poll{static_cast<int>(Checked(epoll_create1(0), "epoll"))};
+  std::array<epoll_event, 64> events;
+};
 
 inline void SetOption(int fd, int level, int option, const char* doing) {
   const int on = 1;
   Checked(setsockopt(fd, level, option, &on, sizeof on), doing);
+}
+
+/// Returns the port.
+inline int BindToFreePort(int fd) {
+  sockaddr_in address = Loopback(0);
+  socklen_t size = sizeof address;
+  Checked(bind(fd, reinterpret_cast<sockaddr*>(&address), size), "bind");
+  Checked(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size), "name");
+  return ntohs(address.sin_port);
 }
 
 inline void SetNoDelay(int fd) { SetOption(fd, IPPROTO_TCP, TCP_NODELAY, "TCP_NODELAY"); }

@@ -20,10 +20,18 @@ foreach(source IN LISTS peer_sources)
     kyrno_flags nlohmann_json::nlohmann_json Threads::Threads)
   if(name MATCHES "_zmq$")
     target_link_libraries(peer-${name} PRIVATE zmq)
+  elseif(name MATCHES "_lws$")
+    target_link_libraries(peer-${name} PRIVATE websockets)
   elseif(name MATCHES "_nng$")
     target_link_libraries(peer-${name} PRIVATE nng)
   endif()
   set_target_properties(peer-${name} PROPERTIES
     OUTPUT_NAME ${name} RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/peers)
   add_dependencies(bench peer-${name})
+endforeach()
+
+# Scripts for other programs lie beside the peers.
+foreach(script node.js wrk.lua)
+  configure_file(${PROJECT_SOURCE_DIR}/bench/peers/${script}
+    ${PROJECT_BINARY_DIR}/peers/${script} COPYONLY)
 endforeach()

@@ -7,14 +7,13 @@
 //
 // Where many connections come, the server has them all in one epoll, and so has a client of many.
 //
-// A frame is its payload's length, 4 bytes, and the payload.
-#include <sys/epoll.h>
-
+// A frame is its payload's length, 4 bytes, and the payload. Of datagrams see bench/datagram.h.
 #include <condition_variable>
 #include <mutex>
 #include <span>
 #include <thread>
 
+#include "bench/datagram.h"
 #include "bench/peer.h"
 #include "bench/socket.h"
 
@@ -23,6 +22,7 @@ namespace {
 using bench::Checked;
 using bench::Descriptor;
 using bench::kCommandBytes;
+using bench::Poll;
 using bench::SendAll;
 using bench::Work;
 
@@ -141,37 +141,12 @@ class Handover {
   bool closed = false;  // the network thread has ended, or is to end
 };
 
-/// Many connections, watched for something to receive.
-class Poll {
- public:
-  void Watch(int fd) {
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.fd = fd;
-    Checked(epoll_ctl(poll.Get(), EPOLL_CTL_ADD, fd, &event), "epoll");
-  }
-  /// Waits; valid until the next call.
-  std::span<const epoll_event> Wait() {
-    const auto n = Checked(
-        epoll_wait(poll.Get(), events.data(), static_cast<int>(events.size()), -1), "epoll");
-    return std::span(events).first(static_cast<std::size_t>(n));
-  }
-
- private:
-  const Descriptor poll{static_cast<int>(Checked(epoll_create1(0), "epoll"))};
-  std::array<epoll_event, 64> events;
-};
-
 class SocketServer : public bench::Server {
  public:
   SocketServer(const Work& w, Style s)
       : work(w), style(s), listener(bench::NewSocket()), handover(w) {
-    sockaddr_in address = bench::Loopback(0);
-    socklen_t size = sizeof address;
-    Checked(bind(listener.Get(), reinterpret_cast<sockaddr*>(&address), size), "bind");
+    port = bench::BindToFreePort(listener.Get());
     Checked(listen(listener.Get(), SOMAXCONN), "listen");
-    Checked(getsockname(listener.Get(), reinterpret_cast<sockaddr*>(&address), &size), "name");
-    port = ntohs(address.sin_port);
   }
 
   int Port() const override { return port; }
@@ -356,8 +331,6 @@ class FanClient : public bench::Client {
     return static_cast<unsigned>(events.size());
   }
 
-  void Push() override { throw std::runtime_error("a client of many sends commands alone"); }
-
  private:
   const std::vector<char> command;
   std::array<char, kCommandFrame> answer;
@@ -372,10 +345,12 @@ class Sockets : public bench::System {
 
   std::unique_ptr<bench::Server> Listen(const Work& work) override {
     Check(work);
+    if (work.speech == bench::Speech::Udp) return std::make_unique<bench::DatagramServer>();
     return std::make_unique<SocketServer>(work, style);
   }
   std::unique_ptr<bench::Client> Connect(int port, const Work& work) override {
     Check(work);
+    if (work.speech == bench::Speech::Udp) return std::make_unique<bench::DatagramClient>(port);
     if (work.connections > 1) return std::make_unique<FanClient>(port, work);
     return std::make_unique<SocketClient>(port, work, style);
   }
@@ -393,6 +368,8 @@ class Sockets : public bench::System {
       throw std::runtime_error("one system call cannot move an array");
     if (style == Style::TwoThreads && work.connections > 1)
       throw std::runtime_error("a client of many has one thread");
+    if (style != Style::Batch && work.speech == bench::Speech::Udp)
+      throw std::runtime_error("a datagram is one system call in one thread");
   }
 
   const Style style;
