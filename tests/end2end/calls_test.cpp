@@ -251,6 +251,14 @@ TEST(Wait, OfSeveralThreadsOnOneObjectGivesEachAnEventOfItsOwnOrATimeOut) {
   EXPECT_EQ(root.Wait("S", 0).code, 100);
 }
 
+TEST(HttpDate, IsToldByTheRootAndCannotBeSet) {
+  const TestRoot root;
+  const std::string date(root.GetProp(".", "httpdate").Text());
+  EXPECT_EQ(date.size(), 29u);
+  EXPECT_EQ(date.substr(25), " GMT");
+  EXPECT_EQ(root.Code("ASetProp", Args({".", "HttpDate", date})), 1037);
+}
+
 TEST(Fork, LeavesTheParentsRootAloneWhateverTheChildDoes) {
   const TestRoot root;
   const int port = root.Serve("command");
