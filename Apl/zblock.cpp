@@ -18,7 +18,6 @@
 
 namespace {
 
-constexpr UI4 kZHead = 8;       // length and header word
 constexpr UI4 kArrayHead = 16;  // one array without its shape
 constexpr UI1 kSimple = 0xF;
 constexpr UI1 kNested = 0x7;
@@ -331,7 +330,9 @@ UI4 ZWRITER::VectorBytes(VATYPES type, UI4 n) {
   return HeadBytes(1) + static_cast<UI4>(Padded(DataBytes(type, n)));
 }
 
-ZWRITER::ZWRITER(UI4 bytes) : block(static_cast<CH1*>(BlockAlloc(kZHead + UI8{bytes}))), at(block) {
+ZWRITER::ZWRITER(UI4 bytes) : ZWRITER(static_cast<PCH1>(BlockAlloc(kZHead + UI8{bytes})), bytes) {}
+
+ZWRITER::ZWRITER(PCH1 owned, UI4 bytes) : block(owned), at(owned) {
   if (!block) return;
   PutUI4(block, kZHead + bytes);
   PutUI4(block + 4, RETZHEADER);

@@ -19,6 +19,7 @@
 
 #include "Apl/vapl.h"
 
+inline constexpr UI4 kZHead = 8;  // length and header word
 inline constexpr UI4 RETZHEADER = ZHEADER | ARCH_UNICODE;
 
 /// Array type by element type; VANoType where none is carried.
@@ -122,6 +123,9 @@ class ZWRITER {
 
   /// For arrays of so many bytes together, which come to less than 4 GiB.
   explicit ZWRITER(UI4 bytes);
+  /// The same in a block that it then owns, with kZHead bytes more. What a vector has at its place
+  /// already stays.
+  ZWRITER(PCH1 owned, UI4 bytes);
   ~ZWRITER();
   ZWRITER(const ZWRITER&) = delete;
   ZWRITER& operator=(const ZWRITER&) = delete;

@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr UI4 kZHead = 8;  // length and header word of a block
 
 bool IsText(const ZVIEW& item) { return item.type == VAC1 && item.rank <= 1; }
 

@@ -127,8 +127,7 @@ SI4 WEBSOCKET::BeginUnit(PFDSETS sets, PHIERAKI item, const WSHEAD& head) {
   const UI8 total = head.length + splitSize;
   if (total > UINT32_MAX) return ERR_MEMORY_ALLOC;
   const UI4 size = static_cast<UI4>(total);
-  std::unique_ptr<BUFFER> body(size <= BUFFER::kEagerBytes ? BUFFER::NewWhole(size)
-                                                           : new (std::nothrow) BUFFER(size));
+  std::unique_ptr<BUFFER> body(new (std::nothrow) BUFFER(WSMSG::Place(size), size));
   if (!body || body->lError) return ERR_MEMORY_ALLOC;
   body->Append(reinterpret_cast<PCH10>(split), splitSize);
   splitSize = 0;

@@ -12,6 +12,10 @@
 
 namespace {
 
+// (data, Fin, Opcode): what stands around a vector of one-byte elements.
+constexpr UI4 kInts = 2 * ZWRITER::kIntBytes;
+constexpr UI4 kAround = ZWRITER::kNestedBytes + kInts;
+
 /// The converters end at a zero: the bytes in front of the first one.
 size_t UpToZero(const UI1* text, size_t n) {
   const void* const zero = n > 0 ? memchr(text, 0, n) : nullptr;
@@ -19,6 +23,15 @@ size_t UpToZero(const UI1* text, size_t n) {
 }
 
 }  // namespace
+
+BLOCKPLACE WSMSG::Place(UI4 n) {
+  constexpr UI4 kFront = kZHead + ZWRITER::kNestedBytes;
+  const UI4 front = kFront + ZWRITER::VectorBytes(VAC1, 0);
+  const UI4 tail = VectorZTail(VAC1, n) + kInts;
+  // At the very end of what a block can hold there is no room around it.
+  if (n > UINT32_MAX - front - tail) return {0, 0, 0};
+  return {0, front, tail};
+}
 
 WSMSG::WSMSG(PBUFFER buffer, OBJSTATE state, const WSHEAD& head, bool text, F8 now)
     : MESSAGE(buffer, state, now),
@@ -67,11 +80,6 @@ bool WSMSG::Measure() {
 }
 
 SI4 WSMSG::PutText(PCH1 to, VATYPES type) const {
-  // Nothing but ASCII.
-  if (count == size && isUnicode()) {
-    if (size > 0) memcpy(to, Bytes(), size);
-    return 0;
-  }
   const UNICODETYPES units = type == VAC4 ? UCS4 : type == VAC2 ? UCS2 : isUnicode() ? UCS1 : C1AV;
   PUI1 const data = reinterpret_cast<PUI1>(to);
   const UI1* at = Bytes();
@@ -97,17 +105,19 @@ SI4 WSMSG::GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE*, PU
 
   const VATYPES type = Text ? es2va[width] : VAI1;
   const UI4 elements = Text ? count : size;
-  constexpr UI4 kAround = ZWRITER::kNestedBytes + 2 * ZWRITER::kIntBytes;
   constexpr UI4 kMost = UINT32_MAX - 2 * kAround;
   if (UI8{elements} * (Text ? width : 1) > kMost) return ERR_MEMORY_ALLOC;
-  ZWRITER unit(kAround + ZWRITER::VectorBytes(type, elements));
+  const UI4 bytes = kAround + ZWRITER::VectorBytes(type, elements);
+  const bool asItCame = !Text || (count == size && isUnicode());
+  const bool inPlace = asItCame && pBuf->Start() != pBuf->Block();
+  ZWRITER unit = inPlace ? ZWRITER(pBuf->ReleaseBlock(), bytes) : ZWRITER(bytes);
   if (!unit) return ERR_MEMORY_ALLOC;
   unit.Nested(3);
   PCH1 const data = unit.Vector(type, elements);
-  if (Text) {
+  if (!inPlace && asItCame) {
+    if (size > 0) memcpy(data, Bytes(), size);
+  } else if (!inPlace) {
     if (const SI4 code = PutText(data, type)) return code;
-  } else if (size > 0) {
-    memcpy(data, Bytes(), size);
   }
   unit.Int(Fin);
   unit.Int(Opcode);

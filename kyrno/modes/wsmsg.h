@@ -5,6 +5,9 @@
 //
 // The lead is the beginning of a character that the frame before could not finish, and what is cut
 // off belongs in front of the next frame. Both are empty unless characters may be split.
+//
+// A frame is received to its place in the Z that tells of it. Only text with other characters than
+// those of ASCII is converted to another one.
 #pragma once
 
 #include "kyrno/modes/message.h"
@@ -13,6 +16,8 @@
 /// Owner and threads as MESSAGE.
 class WSMSG : public MESSAGE {
  public:
+  /// Where a frame of so many bytes is to be received.
+  static BLOCKPLACE Place(UI4 n);
   /// What the buffer holds already is the lead.
   WSMSG(PBUFFER buffer, OBJSTATE state, const WSHEAD& head, bool text, F8 now);
 
