@@ -126,7 +126,7 @@ int FileOf(const std::string& text) {
 }
 
 TEST_F(Compression, ReplacesAFileByItsCompressedForm) {
-  for (const size_t size : {0, 1, 0x10000, 300000}) {
+  for (const size_t size : {0UL, 1UL, 0x10000UL, 300000UL}) {
     const std::string text = Sample(size);
     for (const int gzip : {0, 1}) {
       for (const int level : {0, 9}) {
