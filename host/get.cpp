@@ -95,7 +95,8 @@ class Answer {
       body->Write(event.value);
       return true;
     }
-    throw std::runtime_error("no whole answer: " + event.event);
+    // "BlkLast": half a header, and the end.
+    throw session.Lib().Error("no whole answer", kClosed);
   }
 
  private:

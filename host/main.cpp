@@ -71,11 +71,13 @@ int Run(int argc, char** argv) {
   served.insert(served.end(), {"http", "websocket"});
 
   CLI::App* demo = app.add_subcommand("demo", "Two processes talk in every mode and compare");
-  CLI::App* serve = app.add_subcommand("serve", "Send back all that comes, until interrupted");
+  CLI::App* serve = app.add_subcommand(
+      "serve", "Send back all that comes, or serve the files of a folder, until interrupted");
   serve->add_option("MODE", mode)->required()->check(CLI::IsMember(served));
   serve
       ->add_option("PLACE", place,
                    "[ADDRESS:]PORT; port 0 takes a free one; mode http: the folder comes first")
+      ->type_name("[DIR] [ADDRESS:]PORT")
       ->required()
       ->expected(1, 2);
   serve->add_flag("--strict", strict, "websocket: by the letter of RFC 6455, as http always is");
@@ -111,6 +113,10 @@ int Run(int argc, char** argv) {
       if (place.size() != (mode == "http" ? 2u : 1u))
         throw std::invalid_argument(mode == "http" ? "give DIR [ADDRESS:]PORT"
                                                    : "give [ADDRESS:]PORT");
+      if (strict && mode != "websocket" && mode != "http")
+        throw std::invalid_argument("--strict is for modes websocket and http");
+      if (!stops.empty() && mode != "raw" && mode != "text")
+        throw std::invalid_argument("--eom is for modes raw and text");
       end = ParseEndpoint(mode, place.back(), false);
     }
     if (*send) end = ParseEndpoint(mode, where, true);

@@ -1,12 +1,13 @@
 // serve_http.cpp - a web server for the files of a folder, and for WebSockets on the same port.
 //
-//   "HTTPHeader"                a request; one without a body is answered at once
-//   "HTTPBody", "HTTPTrailer"   the end of a request with a body, which is answered now
-//   "WSUpgrade", "WSReceive"    a WebSocket, whose messages go back
+//   "HTTPHeader"               a request; answered at once, unless a short body comes
+//   "HTTPBody"                 the end of such a request, which is answered now
+//   "WSUpgrade", "WSReceive"   a WebSocket, whose messages go back
 //
 // The library sends the pieces of one connection in order and in its own time, so that each request
 // is answered when it is read, and no peer waits for another.
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 #include <map>
 #include <optional>
@@ -22,6 +23,8 @@ namespace {
 
 /// Compressing happens while everybody waits, so that larger files go out as they are.
 constexpr off_t kMaxGzipBytes = off_t{8} << 20;
+/// The library sends no larger ones, nor their headers.
+constexpr off_t kMaxFileBytes = off_t{UINT32_MAX} - kMaxGzipBytes;
 
 /// The connection has gone, or its object: there is nobody to answer.
 constexpr int kNotFound = 1010;
@@ -86,7 +89,18 @@ int StatusOf(int error) {
   return error == EMFILE || error == ENFILE || error == ENOMEM ? 503 : 404;
 }
 
+/// A body in chunks, or of 1000000 bytes and more. Nobody needs it, and it would fill the memory:
+/// the answer goes out at once, and the library drops what still comes.
+bool HasLongBody(const HttpHead& request) {
+  constexpr std::size_t kMaxDigits = 6;
+  return request.IsChunked() || request.Field("Content-Length").size() > kMaxDigits;
+}
+
+/// Whether the peer waits for leave to send a body. It gets the answer instead.
+bool AwaitsLeave(const HttpHead& request) { return request.Lists("Expect", "100-continue"); }
+
 bool IsLast(const HttpHead& request) {
+  if (AwaitsLeave(request) || HasLongBody(request)) return true;
   if (request.Lists("Connection", "close")) return true;
   return request.third != "HTTP/1.1" && !request.Lists("Connection", "keep-alive");
 }
@@ -133,7 +147,7 @@ std::string WebServer::Handle(const Event& event) {
   const auto peer = peers.find(event.name);
   if (peer == peers.end()) return "";
   if (what == "HTTPHeader") return Begin(event);
-  if ((what == "HTTPBody" || what == "HTTPTrailer") && peer->second) {
+  if (what == "HTTPBody" && peer->second) {
     const HttpHead request = *std::exchange(peer->second, std::nullopt);
     return Reply(event.name, request);
   }
@@ -142,8 +156,7 @@ std::string WebServer::Handle(const Event& event) {
 
 std::string WebServer::Begin(const Event& event) {
   const HttpHead request = HttpHead::Parse(event.value.Text());
-  const bool waits = request.Lists("Expect", "100-continue");
-  if (!waits && (request.HasLength() || request.IsChunked())) {
+  if (request.HasLength() && !AwaitsLeave(request) && !HasLongBody(request)) {
     peers[event.name] = request;
     return Print(request.FirstLine());
   }
@@ -152,9 +165,7 @@ std::string WebServer::Begin(const Event& event) {
 
 std::string WebServer::Reply(const std::string& name, const HttpHead& request) {
   Answer answer = AnswerTo(request);
-  // Who waits for leave to send a body gets the answer instead, and may send it or not.
-  const bool last = answer.status == 400 || answer.status == 505 || IsLast(request) ||
-                    request.Lists("Expect", "100-continue");
+  const bool last = answer.status == 400 || answer.status == 505 || IsLast(request);
   if (last) peers.erase(name);
   while (!TrySend(name, request, answer, last)) {
     if (answer.gzip) {
@@ -195,6 +206,7 @@ Answer WebServer::AnswerTo(const HttpHead& request) const {
 
 Answer WebServer::AnswerWithFile(const HttpHead& request, const std::string& path,
                                  Found file) const {
+  if (file.info.st_size > kMaxFileBytes) return ErrorPage(500);
   const ContentType type = TypeOfFile(path);
   const std::string changed = HttpTime(file.info.st_mtime);
   Answer answer;

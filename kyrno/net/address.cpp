@@ -22,6 +22,16 @@ static constexpr UI4 MODULE = 0x00000200;
 
 namespace {
 
+/// A number that no port has. The resolver would take it modulo 65536.
+bool IsBeyondPorts(PCH10 service) {
+  UI4 port = 0;
+  for (PCH10 at = service; at && *at >= '0' && *at <= '9'; ++at) {
+    port = port * 10 + static_cast<UI4>(*at - '0');
+    if (port > 0xFFFF) return true;
+  }
+  return false;
+}
+
 /// Owns what the resolver found.
 class ADDRHOLD {
  public:
@@ -34,7 +44,7 @@ class ADDRHOLD {
 
   /// The resolver's code, or 0.
   int Find(PCH10 name, PCH10 service, const addrinfo& hints) {
-    return getaddrinfo(name, service, &hints, &list);
+    return IsBeyondPorts(service) ? EAI_SERVICE : getaddrinfo(name, service, &hints, &list);
   }
   const addrinfo* First() const { return list; }
 

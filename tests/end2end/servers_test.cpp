@@ -124,6 +124,7 @@ TEST(Creation, RefusesWhatItCannotMakeAndSaysWhy) {
       {"ASrv", {{"Protocol", "tcp"}}, 1045},
       {"ASrv", {{"Port", std::to_string(busy.Port())}}, EADDRINUSE},
       {"ASrv", {{"Port", "nosuchservice"}}, 1107},
+      {"ASrv", {{"Port", "65536"}}, 1107},
       {"ASrv", {{"Address", "no.such.host.invalid"}}, 1106},
       {"AClt", {{"Port", std::to_string(free)}}, 1111},
       {"ASrv", {{"Mode", "raw"}, {"BufferSize", 0}}, 1045},

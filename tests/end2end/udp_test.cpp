@@ -197,12 +197,17 @@ TEST(UdpServer, KeepsOneDatagramMoreThanMaxOldUntilSomeAreCollected) {
 }
 
 TEST(UdpServer, HearsOnlyWhomItsFiltersLetThrough) {
-  Pair t({{"AllowEndpoints", Args({Args({"ipv4", "127.0.0.2"})})}});
-  Pair all({{"DenyEndpoints", Args({Args({"ipv4", "127.0.0.2"})})}});
-  t.peer.Send(t.port, "no");
-  all.peer.Send(all.port, "yes");
-  EXPECT_EQ(all.root.Told("S"), "Block " + all.name + " yes");
-  EXPECT_EQ(t.root.Children("S"), Lines());
+  // One socket hears both peers, in order: when the second is told of, the first has been judged.
+  const ZValue four = Args({Args({"ipv4", "127.0.0.1"}), Args({"ipv6", "::2"})});
+  const ZValue six = Args({Args({"ipv4", "127.0.0.2"}), Args({"ipv6", "::1"})});
+  for (const auto& [option, list] : {std::pair{"AllowEndpoints", six}, {"DenyEndpoints", four}}) {
+    Pair t({{"Protocol", "ip"}, {"Address", "*"}, {option, list}});
+    Peer passes(AF_INET6);
+    t.peer.Send(t.port, "no");
+    passes.Send(t.port, "yes");
+    EXPECT_EQ(t.root.Told("S"), "Block S." + kSix + passes.PortName() + " yes") << option;
+    EXPECT_EQ(t.root.Children("S"), Lines{kSix + passes.PortName()}) << option;
+  }
 }
 
 TEST(UdpServer, IsNotMadeAtAPortInUse) {

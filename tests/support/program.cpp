@@ -52,8 +52,11 @@ Program::Program(const Words& words) {
   const Descriptor childOutput(out[1]);
   fcntl(out[1], F_SETPIPE_SZ, kPipeSize);
 
+  // A test that is ended or crashes takes it along.
+  Words command{"setpriv", "--pdeathsig", "TERM", "--"};
+  command.insert(command.end(), words.begin(), words.end());
   std::vector<char*> argv;
-  for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
+  for (std::string& word : command) argv.push_back(word.data());
   argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
