@@ -10,7 +10,6 @@
 
 namespace {
 
-
 bool IsText(const ZVIEW& item) { return item.type == VAC1 && item.rank <= 1; }
 
 /// The number that VAGetSI4 would read. False for what it converts or refuses.

@@ -303,7 +303,7 @@ void CONNECTION::CheckClosing(PFDSETS sets, PHIERAKI item) {
 
 bool CONNECTION::Reads() const {
   if (Skip > 0 || phRead) return true;
-  if (!phRelay) return WantsBytes();
+  if (!phRelay) return cntWaiting < kMostWaiting && WantsBytes();
   return !static_cast<RELAY*>(phRelay->Obj())->IsHeld();
 }
 
@@ -320,6 +320,7 @@ void CONNECTION::TakeOver(RPCOBJS* from) {
   pOut = old->pOut;
   pOutLast = old->pOutLast;
   cntOut = old->cntOut;
+  cntWaiting = old->cntWaiting;
   phRead = old->phRead;
   pRead = old->pRead;
   phRelay = old->phRelay;

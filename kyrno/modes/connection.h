@@ -44,6 +44,9 @@
 
 /// Units that may wait on a connection before relays that send there are held back.
 inline constexpr UI4 kMostQueued = 16;
+/// Pieces and frames that may wait for the application before their peer has to wait: each takes
+/// far more memory than the few bytes that can make one.
+inline constexpr UI4 kMostWaiting = 1024;
 inline constexpr F8 kDrainMicros = 60e6;      // how long a closed connection waits for its peer
 inline constexpr F8 kHandshakeMicros = 60e6;  // how long a peer may take to shake hands
 
@@ -113,6 +116,12 @@ class CONNECTION : public RPCOBJS {
   bool IsHalfSent(PHIERAKI child) const WORK_ONLY;
   /// n bytes of the stream belong to nobody any more: they are read and dropped.
   void SkipBytes(UI4 n) WORK_ONLY { Skip += n; }
+  /// A child for the application has come, or gone; of the modes whose peers can make many of few
+  /// bytes. Above kMostWaiting nothing more is read.
+  void UnitAdded() WORK_ONLY { ++cntWaiting; }
+  void UnitGone() WORK_ONLY { --cntWaiting; }
+  /// A child receives, or its rest is dropped.
+  bool IsReceiving() const WORK_ONLY { return phRead || Skip > 0; }
   /// Children that wait to be sent.
   UI4 CountOut() const WORK_ONLY { return cntOut; }
   /// A relay is held back until fewer wait here; it is touched then.
@@ -200,6 +209,7 @@ class CONNECTION : public RPCOBJS {
   PHIERAKI phHeld WORK_DATA = nullptr;   // relays of others that wait until less is to be sent here
   PBUFFER pRead WORK_DATA = nullptr;     // of phRead
   UI4 cntOut WORK_DATA = 0;
+  UI4 cntWaiting WORK_DATA = 0;             // see UnitAdded
   UI4 cntUntold WORK_DATA = 0;              // children that have still to be told of the end
   UI4 Skip WORK_DATA = 0;                   // bytes to drop
   OBJSTATE EndTo WORK_DATA = SDoNotChange;  // what the connection becomes when all have been told

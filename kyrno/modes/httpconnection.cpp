@@ -101,17 +101,19 @@ void HTTPCONNECTION::SetDecodeBuffers(PHIERAKI item, UI4 decode) {
 }
 
 SI4 HTTPCONNECTION::SendBuffer(PHIERAKI item, PCH1 name, PBUFFER buffer, UI4 flag) {
-  // Who sends anything else than an upgrade's answer goes on with HTTP; the turn that looks at the
-  // message resumes.
-  held.store(false, std::memory_order_release);
-  return CONNECTION::SendBuffer(item, name, buffer, flag);
+  const SI4 code = CONNECTION::SendBuffer(item, name, buffer, flag);
+  // Who sends anything else than an upgrade's answer goes on with HTTP.
+  if (code || !held.exchange(false, std::memory_order_acq_rel)) return code;
+  return RootOf(item)->Changed(item);
 }
 
 // ---- what is received
 
 SI4 HTTPCONNECTION::HeaderBytes(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, PUI4 used) {
   *used = n;
-  if (held.load(std::memory_order_acquire)) return Keep(data, n);
+  // What is kept goes first, also when the application has refused in the midst of this turn: its
+  // message brings the turn that resumes.
+  if (uncut || held.load(std::memory_order_acquire)) return Keep(data, n);
   if (pHeader && pHeader->SizeProcessed() > 0) return CutHeader(sets, item, data, n, used);
 
   // Pieces are cut where the bytes were read to: only a head that is not whole is kept.
@@ -216,6 +218,7 @@ SI4 HTTPCONNECTION::ReturnBuffer(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 ha
   PHIERAKI const child = item->AddNew(name, message.get());
   if (!child) return ERR_NAME_IN_USE;
   (void)message.release();
+  UnitAdded();
   LOG(4, ("HTTP piece %s of %u, %u here", name, size, have));
   if (have == size) return ReadComplete(sets, child);
   Receive(child, buffer);

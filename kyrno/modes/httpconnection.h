@@ -14,6 +14,8 @@
 // Receiving: httpconnection.cpp. Sending: httpcompose.cpp. Becoming a WEBSOCKET: httpupgrade.cpp.
 #pragma once
 
+#include <memory>
+
 #include "kyrno/base/mutex.h"
 #include "kyrno/modes/connection.h"
 #include "kyrno/modes/httpframing.h"
@@ -73,7 +75,9 @@ class HTTPCONNECTION : public CONNECTION {
   // --- httpupgrade.cpp
   SI4 Upgrade(PFDSETS sets, PHIERAKI item, PCH10 head, UI4 headSize, PCH10 rest,
               UI4 restSize) WORK_ONLY;
-  SI4 Become(PHIERAKI item, PBUFFER answer, PBUFFER accept) WORK_ONLY;
+  SI4 Become(PHIERAKI item, std::unique_ptr<BUFFER> answer,
+             std::unique_ptr<BUFFER> accept) WORK_ONLY;
+  bool IsBetweenMessages() const WORK_ONLY;
   SI4 WSUpgrade(PAA value);
   SI4 WSAccept(PAA value);
   SI4 UpgradeHeader(PAA value);

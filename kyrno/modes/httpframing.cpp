@@ -104,7 +104,11 @@ HTTPFRAMING::PIECE HTTPFRAMING::Break() {
 }
 
 bool HTTPFRAMING::IsMessage(PCH10 data, UI4 n) const {
-  return !ofResponses || state == InTrailer || StartsWith(FirstLine(data, n), "HTTP/");
+  if (!ofResponses || state == InTrailer) return true;
+  // Not more than the line's beginning is looked at: this is asked for many lines of one block.
+  UI4 at = 0;
+  while (at < n && (data[at] == '\r' || data[at] == '\n')) ++at;
+  return StartsWith({data + at, n - at}, "HTTP/");
 }
 
 PCH10 HTTPFRAMING::FindLf(PCH10 data, UI4 n) {

@@ -2,7 +2,6 @@
 // here: with the process's locale a name could be found on one machine and not on another.
 #include "kyrno/modes/httphead.h"
 
-#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -106,6 +105,7 @@ bool ParseLength(HTTPTEXT value, PUI4 length) {
 /// Whether a request or status line is of the version that knows no transfer coding.
 bool IsHttp10(HTTPTEXT first) {
   constexpr UI4 kVersionSize = 8;
+  first = Trim(first, IsBlank);
   if (first.length < kVersionSize) return false;
   return Same(first.text, "HTTP/1.0", kVersionSize) ||
          Same(first.text + first.length - kVersionSize, "HTTP/1.0", kVersionSize);
@@ -149,17 +149,6 @@ bool isHdrM(PCH10 head, UI4 n, PCH10 name, PCH10 value) {
     }
   }
   return false;
-}
-
-PCH1 GetHdrPCH10m(PCH10 head, UI4 n, PCH10 name) {
-  UI4 from = 0;
-  HTTPTEXT value;
-  if (!FindHdr(head, n, name, &from, &value)) return nullptr;
-  PCH1 const copy = static_cast<PCH1>(malloc(static_cast<size_t>(value.length) + 1));
-  if (!copy) return nullptr;
-  memcpy(copy, value.text, value.length);
-  copy[value.length] = 0;
-  return copy;
 }
 
 HTTPTEXT FirstLine(PCH10 head, UI4 n) {

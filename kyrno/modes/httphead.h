@@ -24,8 +24,6 @@ bool FindHdr(PCH10 head, UI4 n, PCH10 name, PUI4 from, HTTPTEXT* value);
 bool isHdr(PCH10 head, UI4 n, PCH10 name, PCH10 value);
 /// Whether one item of the comma-separated lists of all fields of that name is this value.
 bool isHdrM(PCH10 head, UI4 n, PCH10 name, PCH10 value);
-/// A copy of the first such value for free(); null when there is none, or no memory.
-PCH1 GetHdrPCH10m(PCH10 head, UI4 n, PCH10 name);
 /// The first line that is not empty, without its line end.
 HTTPTEXT FirstLine(PCH10 head, UI4 n);
 

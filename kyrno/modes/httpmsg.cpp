@@ -5,6 +5,7 @@
 
 #include "Apl/zblock.h"
 #include "kyrno/base/error.h"
+#include "kyrno/modes/connection.h"
 #include "kyrno/modes/httphead.h"
 
 namespace {
@@ -104,7 +105,10 @@ SI4 Finished(ZWRITER* z, PUI4* ppZ) {
 
 SI4 DecodeHttpHeader(PCH10 piece, UI4 n, PUI4* ppZ) {
   *ppZ = nullptr;
-  SCANNER scan(piece, n);
+  // Empty lines ahead of the first one belong to nobody, as where the body's end was found.
+  const HTTPTEXT line = FirstLine(piece, n);
+  const UI4 ahead = line.length > 0 ? static_cast<UI4>(line.text - piece) : 0;
+  SCANNER scan(piece + ahead, n - ahead);
   const UI4 lines = CountLines(scan);
   if (lines < 2) return ERR_HTTPDECODE;
   const HTTPTEXT first[] = {scan.Part(true), scan.Part(true), scan.Part(false)};
@@ -196,4 +200,9 @@ SI4 HTTPMSG::GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* n
   // The piece has long left the stream: what it lacks is the application's to judge.
   if (code) strcpy(event, "HTTPFail");
   return TakeData(ppZ);
+}
+
+void HTTPMSG::Leave(PHIERAKI item) {
+  MESSAGE::Leave(item);
+  CONNECTION::Above(item)->UnitGone();
 }

@@ -28,6 +28,7 @@ class HTTPMSG : public MESSAGE {
   /// The event word is the node's own name up to its first digit.
   [[nodiscard]] SI4 GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* next,
                                    PUI4* ppZ) override;
+  void Leave(PHIERAKI item) override WORK_ONLY;
 
   WORD<UI4> decode;  // Decode bits; any thread may change them while the piece waits
 };

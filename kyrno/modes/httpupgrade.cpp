@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "Apl/vaget.h"
 #include "kyrno/base/error.h"
@@ -180,11 +181,11 @@ SI4 HTTPCONNECTION::WSAccept(PAA value) {
   if (!code) code = ReadExtra(value, 1, &extra);
   if (code) return code;
   const UI4 n = static_cast<UI4>(strlen(text.get()));
-  PBUFFER answer = nullptr;
+  std::unique_ptr<BUFFER> answer;
   if (Type == TConnection) {
     HTTPTEXT key;
     if (!isWSUpgradeReq(text.get(), n, &key)) return ERR_WSUPGRADE_FAILED;
-    answer = AnswerTo(key, extra ? extra.get() : "");
+    answer.reset(AnswerTo(key, extra ? extra.get() : ""));
     if (!answer) return ERR_MEMORY_ALLOC;
   } else if (!IsAnswer(text.get(), n)) {
     return ERR_WSUPGRADE_FAILED;
@@ -192,8 +193,10 @@ SI4 HTTPCONNECTION::WSAccept(PAA value) {
 
   PHIERAKI const item = pItem;
   ROOT* const root = RootOf(item);
+  // In a forked child the socket is the parent's.
+  if (!root->IsOwnProcess()) return 0;
   root->TakeRoleFromCall();
-  code = Become(item, answer, nullptr);
+  code = IsBetweenMessages() ? Become(item, std::move(answer), nullptr) : ERR_WSUPGRADE_FAILED;
   root->GiveRoleFromCall();
   return code;
 }
@@ -220,25 +223,30 @@ SI4 HTTPCONNECTION::Upgrade(PFDSETS sets, PHIERAKI item, PCH10 head, UI4 headSiz
   if (!accept || accept->lError || (server && !answer)) return ERR_MEMORY_ALLOC;
   if (pHeader) pHeader->Rewind();
   if (const SI4 code = Keep(rest, restSize)) return code;
-  return Become(item, answer.release(), accept.release());
+  return Become(item, std::move(answer), std::move(accept));
 }
 
-/// Gives the node to a WEBSOCKET, which sends the answer first. Owns both buffers, which may be
-/// null.
-SI4 HTTPCONNECTION::Become(PHIERAKI item, PBUFFER answer, PBUFFER accept) {
-  std::unique_ptr<BUFFER> ownAnswer(answer), ownAccept(accept);
+/// What comes next is no part of a message that has begun.
+bool HTTPCONNECTION::IsBetweenMessages() const {
+  if (held.load(std::memory_order_acquire)) return true;
+  return !IsReceiving() && !(pHeader && pHeader->SizeProcessed() > 0);
+}
+
+/// Gives the node to a WEBSOCKET, which sends the answer first. Both buffers may be null.
+SI4 HTTPCONNECTION::Become(PHIERAKI item, std::unique_ptr<BUFFER> answer,
+                           std::unique_ptr<BUFFER> accept) {
   // Somebody else may have been here first, or the connection may be over.
   if (item->Obj() != this || !item->IsLinked() || !IsOpen()) return ERR_CLOSED;
   const bool told = accept != nullptr;
   std::unique_ptr<WEBSOCKET> socket(new (std::nothrow)
-                                        WEBSOCKET(MaxBlockSize, Type, Features, accept));
+                                        WEBSOCKET(MaxBlockSize, Type, Features, accept.get()));
   if (!socket) return ERR_MEMORY_ALLOC;
-  (void)ownAccept.release();
+  (void)accept.release();
   socket->pOOSfn = pOOSfn;
   if (answer) {
-    MESSAGE* const message = new (std::nothrow) MESSAGE(answer, SReadyToSend);
+    MESSAGE* const message = new (std::nothrow) MESSAGE(answer.get(), SReadyToSend);
     if (!message) return ERR_MEMORY_ALLOC;
-    (void)ownAnswer.release();
+    (void)answer.release();
     message->Mode = OBJMODE{Mode};
     if (const SI4 code = QueueFromTurn(item, "WSUpgradeAns", message)) return code;
   }

@@ -79,7 +79,7 @@ PBUFFER WEBSOCKET::NewHeader() { return new (std::nothrow) BUFFER(kMaxFrameHead)
 SI4 WEBSOCKET::HeaderBytes(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, PUI4 used) {
   *used = n;
   if (failed || peerDone) return 0;
-  if (controls) return ControlBytes(sets, item, data, n, used);
+  if (controls) return ControlBytes(item, data, n, used);
   WSHEAD head;
   const UI4 have = pHeader ? pHeader->SizeProcessed() : 0;
   if (have == 0 && ParseHead(data, n, &head)) {
@@ -116,7 +116,7 @@ SI4 WEBSOCKET::BeginFrame(PFDSETS sets, PHIERAKI item, const WSHEAD& head) {
   controlHead = head;
   controlSize = 0;
   controls = head.length > 0;
-  return controls ? 0 : ControlComplete(sets, item);
+  return controls ? 0 : ControlComplete(item);
 }
 
 // ---- data frames
@@ -143,6 +143,7 @@ SI4 WEBSOCKET::BeginUnit(PFDSETS sets, PHIERAKI item, const WSHEAD& head) {
   PHIERAKI const child = item->AddNew(name, unit.get());
   if (!child) return ERR_NAME_IN_USE;
   (void)unit.release();
+  UnitAdded();
   if (buffer->Complete()) return ReadComplete(sets, child);
   Receive(child, buffer);
   return 0;
@@ -187,7 +188,7 @@ bool WEBSOCKET::TakeText(WSMSG* unit, const UI1* fresh, UI4 n) {
 
 // ---- control frames
 
-SI4 WEBSOCKET::ControlBytes(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, PUI4 used) {
+SI4 WEBSOCKET::ControlBytes(PHIERAKI item, PCH10 data, UI4 n, PUI4 used) {
   const UI4 left = static_cast<UI4>(controlHead.length) - controlSize;
   *used = n < left ? n : left;
   memcpy(controlData + controlSize, data, *used);
@@ -196,16 +197,16 @@ SI4 WEBSOCKET::ControlBytes(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, PUI4
   controls = false;
   if (controlHead.masked && Type == TConnection)
     mask(controlData, controlSize, reinterpret_cast<PCH10>(controlHead.mask), kMaskSize);
-  return ControlComplete(sets, item);
+  return ControlComplete(item);
 }
 
-SI4 WEBSOCKET::ControlComplete(PFDSETS sets, PHIERAKI item) {
+SI4 WEBSOCKET::ControlComplete(PHIERAKI item) {
   LOG(4, ("WS%s size %u", wsopcode[controlHead.opcode], controlSize));
   switch (controlHead.opcode) {
     case WSPing:
       return Pong(item);
     case WSClose:
-      return PeerCloses(sets, item);
+      return PeerCloses(item);
     default:
       return 0;
   }

@@ -55,6 +55,7 @@ class WEBSOCKET : public CONNECTION {
                                    PUI4* ppZ) override;
   SI4 ReadRecv(PFDSETS sets, PHIERAKI child) override WORK_ONLY;
   SI4 ReadComplete(PFDSETS sets, PHIERAKI child) override WORK_ONLY;
+  SI4 PassiveClose(PFDSETS sets, PHIERAKI item) override WORK_ONLY;
   SI4 Execute(PFDSETS sets) override WORK_ONLY;
   SI4 Check(PFDSETS sets) override WORK_ONLY;
   bool Abandon(PHIERAKI item) override WORK_ONLY;
@@ -66,7 +67,7 @@ class WEBSOCKET : public CONNECTION {
   PBUFFER NewHeader() override WORK_ONLY;
   SI4 HeaderBytes(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, PUI4 used) override WORK_ONLY;
   SI4 Resume(PFDSETS sets, PHIERAKI item) override WORK_ONLY;
-  bool WantsBytes() const override WORK_ONLY { return failed == 0; }
+  bool WantsBytes() const override WORK_ONLY { return failed == 0 && !peerGone; }
   void SentLast(PHIERAKI item) override WORK_ONLY;
   void EndStream(PHIERAKI item, OBJSTATE to, SI4 code) override WORK_ONLY;
 
@@ -75,8 +76,8 @@ class WEBSOCKET : public CONNECTION {
   SI4 BeginFrame(PFDSETS sets, PHIERAKI item, const WSHEAD& head) WORK_ONLY;
   SI4 BeginUnit(PFDSETS sets, PHIERAKI item, const WSHEAD& head) WORK_ONLY;
   bool TakeText(WSMSG* unit, const UI1* fresh, UI4 n) WORK_ONLY;
-  SI4 ControlBytes(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, PUI4 used) WORK_ONLY;
-  SI4 ControlComplete(PFDSETS sets, PHIERAKI item) WORK_ONLY;
+  SI4 ControlBytes(PHIERAKI item, PCH10 data, UI4 n, PUI4 used) WORK_ONLY;
+  SI4 ControlComplete(PHIERAKI item) WORK_ONLY;
 
   // --- websocketsend.cpp
   PBUFFER NewFrame(bool fin, UI1 opcode, UI4 n, PCH1* payload) const;
@@ -91,7 +92,8 @@ class WEBSOCKET : public CONNECTION {
   SI4 SendClose(PHIERAKI item, PCH1 name, PBUFFER frame);
   SI4 QueueOwn(PHIERAKI item, PBUFFER frame, bool last) WORK_ONLY;
   SI4 Pong(PHIERAKI item) WORK_ONLY;
-  SI4 PeerCloses(PFDSETS sets, PHIERAKI item) WORK_ONLY;
+  bool MayPong() const WORK_ONLY;
+  SI4 PeerCloses(PHIERAKI item) WORK_ONLY;
   SI4 Fail(PHIERAKI item, UI2 code) WORK_ONLY;
   SI4 EndQuietly(PHIERAKI item, UI2 code) WORK_ONLY;
   void HandshakeOver(PHIERAKI item) WORK_ONLY;
@@ -110,11 +112,13 @@ class WEBSOCKET : public CONNECTION {
   F8 lingerDue WORK_DATA = 0;    // Micros: so long what a peer still sends is dropped; 0: it isn't
   UI4 Count WORK_DATA = 0;       // names of units
   UI1 lastOpcode WORK_DATA = 0;  // the last one that was no continuation; strict: of the message
-  bool controls WORK_DATA = false;  // a control frame is coming
-  bool closeOut WORK_DATA = false;  // the close frame has left, and nothing follows it
-  bool sendsOwn WORK_DATA = false;  // a frame of its own is being queued just now
-  bool peerDone WORK_DATA = false;  // strict: the peer's close frame has come, and nothing follows
-  SI4 failed WORK_DATA = 0;         // the peer's mistake, told when the close frame has left
+  bool controls WORK_DATA = false;       // a control frame is coming
+  bool closeOut WORK_DATA = false;       // the close frame has left, and nothing follows it
+  bool sendsOwn WORK_DATA = false;       // a frame of its own is being queued just now
+  bool closeAnswered WORK_DATA = false;  // not strict: a close frame of the peer
+  bool peerDone WORK_DATA = false;       // its close frame has come, or what ends it quietly
+  bool peerGone WORK_DATA = false;       // ... and its end of TCP, before all of this side was out
+  SI4 failed WORK_DATA = 0;              // the peer's mistake, told when the close frame has left
   WSHEAD controlHead WORK_DATA = {};
   UI4 controlSize WORK_DATA = 0;  // bytes of its payload that have come
   CH1 controlData[kMaxControl] WORK_DATA = {};

@@ -124,13 +124,25 @@ SI4 WEBSOCKET::Pong(PHIERAKI item) {
   // A peer that does not read gets an answer to its last ping only, which the RFC allows.
   delete pPong;
   pPong = answer.release();
-  return CountOut() < kMostAnswers ? QueueOwn(item, std::exchange(pPong, nullptr), false) : 0;
+  return MayPong() ? QueueOwn(item, std::exchange(pPong, nullptr), false) : 0;
 }
 
-SI4 WEBSOCKET::PeerCloses(PFDSETS sets, PHIERAKI item) {
+/// Not behind a close frame that is still to leave: what is queued there is dropped with it.
+bool WEBSOCKET::MayPong() const {
+  return CountOut() < kMostAnswers && (closeOut || !closing.load(std::memory_order_acquire));
+}
+
+SI4 WEBSOCKET::PeerCloses(PHIERAKI item) {
   if (!strict) {
-    if (ActiveClose > 0) return PassiveClose(sets, item);
-    return CountOut() < kMostAnswers ? QueueOwn(item, NewClose(WSNormal), false) : 0;
+    if (ActiveClose > 0) {
+      // It may have crossed with this side's: what was sent in front of that goes out first.
+      peerDone = true;
+      closeDue = Micros() + kDrainMicros;
+      return 0;
+    }
+    // The first is answered however much waits: the peer waits for that.
+    if (std::exchange(closeAnswered, true) && CountOut() >= kMostAnswers) return 0;
+    return QueueOwn(item, NewClose(WSNormal), false);
   }
   if (const UI2 fault = CloseFault(controlData, controlSize)) return Fail(item, fault);
   peerDone = true;
@@ -140,6 +152,13 @@ SI4 WEBSOCKET::PeerCloses(PFDSETS sets, PHIERAKI item) {
     return QueueOwn(item, NewFrame(WSClose, controlData, n), true);
   }
   HandshakeOver(item);
+  return 0;
+}
+
+SI4 WEBSOCKET::PassiveClose(PFDSETS sets, PHIERAKI item) {
+  if (!peerDone || closeOut) return CONNECTION::PassiveClose(sets, item);
+  // It has only nothing more to say: what is queued, and the last frame, go out.
+  peerGone = true;
   return 0;
 }
 
@@ -192,9 +211,10 @@ void WEBSOCKET::HandshakeOver(PHIERAKI item) {
   const F8 soon = Micros() + kLingerMicros;
   if (failed) {
     pCon->Shutdown();
-    lingerDue = soon;
     EndStream(item, SError, failed);
-  } else if (peerDone && Type == TConnection) {
+    // An application that has closed too hears nothing, and the socket is closed already.
+    if (pCon->isValid()) lingerDue = soon;
+  } else if (peerDone && (Type == TConnection || peerGone)) {
     EndStream(item, SSocketClosed, ERR_CLOSED);
   } else if (peerDone) {
     // A client waits until the server has closed.
@@ -204,7 +224,10 @@ void WEBSOCKET::HandshakeOver(PHIERAKI item) {
 
 bool WEBSOCKET::Lingers() const { return lingerDue > 0 && HasEnded() && GetState() != SConnected; }
 
-bool WEBSOCKET::Abandon(PHIERAKI item) { return !Lingers() && CONNECTION::Abandon(item); }
+bool WEBSOCKET::Abandon(PHIERAKI item) {
+  // A client's name is the application's, which may want it for its next try.
+  return !(Lingers() && Type == TConnection) && CONNECTION::Abandon(item);
+}
 
 SI4 WEBSOCKET::Execute(PFDSETS sets) {
   if (!Lingers() || sets->closeAllSockets) return CONNECTION::Execute(sets);
@@ -247,9 +270,11 @@ SI4 WEBSOCKET::Check(PFDSETS sets) {
     return code;
   }
   if (GetState() == SConnected && !HasEnded()) {
-    if (pPong && CountOut() < kMostAnswers)
+    if (pPong && MayPong())
       if (const SI4 code = QueueOwn(item, std::exchange(pPong, nullptr), false))
         EndStream(item, SError, code);
+    if (!strict && peerDone && CountOut() == 0 && !HasEnded())
+      EndStream(item, SSocketClosed, ERR_CLOSED);
     if (const F8 due = closeDue; due > 0) RootOf(item)->SetTimer(item, due);
   }
   return CONNECTION::Check(sets);

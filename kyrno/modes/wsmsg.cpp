@@ -8,6 +8,7 @@
 #include "Apl/vaunicod.h"
 #include "Apl/zblock.h"
 #include "kyrno/base/error.h"
+#include "kyrno/modes/connection.h"
 #include "util/base64.h"
 
 namespace {
@@ -123,4 +124,9 @@ SI4 WSMSG::GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE*, PU
   unit.Int(Opcode);
   *ppZ = unit.Finish();
   return 0;
+}
+
+void WSMSG::Leave(PHIERAKI item) {
+  MESSAGE::Leave(item);
+  CONNECTION::Above(item)->UnitGone();
 }

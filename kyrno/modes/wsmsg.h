@@ -25,6 +25,7 @@ class WSMSG : public MESSAGE {
   /// one-byte integers.
   [[nodiscard]] SI4 GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* next,
                                    PUI4* ppZ) override;
+  void Leave(PHIERAKI item) override WORK_ONLY;
   /// Takes the peer's mask off what has come since the last time; *n bytes of it. A client never
   /// unmasks.
   const UI1* MaskBuf(PHIERAKI item, PUI4 n) WORK_ONLY;

@@ -149,7 +149,8 @@ void ROOT::TakeRoleFromCall() {
 }
 
 void ROOT::GiveRoleFromCall() {
-  RunDue();
+  // Callbacks belong to the work thread.
+  if (UseFnsReady >= 0) RunDue();
   const bool more = pDue[0] || pDue[1] || pPending;
   GiveRole();
   if (more) Wake();

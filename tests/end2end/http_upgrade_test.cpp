@@ -62,6 +62,18 @@ TEST(HttpUpgrade, WaitsForTheApplicationOfAServer) {
   ExpectHello(t.root, t.name);
 }
 
+TEST(HttpUpgrade, IsNotAcceptedInTheMidstOfAMessage) {
+  Served t("http");
+  t.root.SetProp("S", "DecodeBuffers", 0);
+  const std::string head = "POST / HTTP/1.1\r\nContent-Length: 20000\r\n\r\n";
+  t.peer.SendApart(head + "half", 10);
+  EXPECT_EQ(t.root.Told("S"), "HTTPHeader " + t.name + " " + head);
+  EXPECT_EQ(t.root.Code("ASetProp", Args({t.name, "WSAccept", kRequest})), 1140);
+  const std::string rest(19996, '.');
+  t.peer.Send(rest);
+  EXPECT_EQ(t.root.Told("S"), "HTTPBody " + t.name + " half" + rest);
+}
+
 TEST(HttpUpgrade, IsRefusedByAnyOtherAnswerAndHttpGoesOn) {
   Served t("http");
   const std::string next = "GET /next HTTP/1.1\r\n\r\n";
@@ -140,6 +152,23 @@ TEST(HttpUpgrade, FailsForWhatTheProtocolDoesNotGrant) {
   Served t("http");
   t.peer.Send(Replace(kRequest, "Host:", "Content-Length: 5\r\nHost:"));
   EXPECT_EQ(t.root.Told("S"), "Error " + t.name + " 1145");
+}
+
+TEST(HttpUpgrade, APeerThatFloodsHasToWaitForTheApplication) {
+  constexpr std::size_t kMost = 64u << 20;
+  const std::string request = "GET / HTTP/1.1\r\n\r\n";
+  for (const bool upgraded : {false, true}) {
+    Served t("http");
+    t.root.SetProp(t.name, "WSFeatures", kAutomatic);
+    if (upgraded) {
+      t.peer.Send(kRequest);
+      EXPECT_EQ(t.root.Next("S").event, "WSUpgrade");
+    }
+    EXPECT_LT(t.peer.SendUntilStuck(kMost, upgraded ? kMasked : request), kMost / 2);
+    // What it has sent is not lost, and reading goes on.
+    const std::string what = upgraded ? "WSReceive" : "HTTPHeader";
+    for (int i = 0; i < 5000; ++i) ASSERT_EQ(t.root.Next("S").event, what) << i;
+  }
 }
 
 TEST(HttpUpgrade, OfAThousandThatNobodyFinishesStopsNoOther) {

@@ -517,6 +517,55 @@ TEST(WebSocketWire, PingsOfAPeerThatDoesNotReadPileUpNoAnswers) {
   }
 }
 
+/// More than the kernel takes from a connection whose peer does not read.
+void QueueMuch(Upgraded& t) {
+  const ZValue frame = Args({std::string(200000, 'q'), 1});
+  for (int i = 0; i < 100; ++i) ASSERT_EQ(t.root.Code("ASendZ", t.name, frame), 0);
+}
+bool IsRead(Upgraded& t) {
+  return Eventually([there = t.peer.OtherEnd()] { return HasRead(there); });
+}
+std::string AfterMuch(Upgraded& t) {
+  std::string out;
+  for (int i = 0; i <= 100; ++i) out = t.Out();
+  return out;
+}
+
+TEST(WebSocketWire, APeersCloseIsAnsweredBehindAllThatWaits) {
+  for (const Mode mode : {kLax, kStrict}) {
+    Upgraded t(mode);
+    QueueMuch(t);
+    t.peer.Send(In(0x88, CloseWith(1000)));
+    EXPECT_TRUE(IsRead(t));
+    // The end of TCP may follow at once where the RFC is kept.
+    if (mode == kStrict) t.peer.EndSending();
+    EXPECT_EQ(AfterMuch(t).substr(0, 7), "88 1000");
+  }
+}
+
+TEST(WebSocketWire, WhatWasSentBeforeBothSidesCloseStillGoesOut) {
+  for (const Mode mode : {kLax, kStrict}) {
+    Upgraded t(mode);
+    QueueMuch(t);
+    EXPECT_EQ(t.root.Code("AClose", t.name), 0);
+    t.peer.Send(In(0x88, CloseWith(1000)));
+    EXPECT_TRUE(IsRead(t));
+    EXPECT_EQ("out " + AfterMuch(t), kGoodBye);
+    EXPECT_EQ(t.peer.ReceiveAll(), "");
+    EXPECT_EQ(t.Told(), "code 1010");
+  }
+}
+
+TEST(WebSocketWire, APingInFrontOfTheClosingHandshakesEndIsAnswered) {
+  Upgraded t(kStrict);
+  QueueMuch(t);
+  EXPECT_EQ(t.root.Code("AClose", t.name), 0);
+  t.peer.Send(In(0x89, "p"));
+  EXPECT_TRUE(IsRead(t));
+  EXPECT_EQ("out " + AfterMuch(t), kGoodBye);
+  EXPECT_EQ(t.Out(), "8a p");
+}
+
 TEST(WebSocketWire, ACloseFrameIsTheLastHoweverManySend) {
   for (int round = 0; round < 20; ++round) {
     Upgraded t(kStrict);

@@ -113,12 +113,14 @@ void RawPeer::SendApart(std::string_view bytes, std::size_t piece) {
   }
 }
 
-std::size_t RawPeer::SendUntilStuck(std::size_t most) {
-  const std::string some(65536, 's');
+std::size_t RawPeer::SendUntilStuck(std::size_t most, std::string_view unit) {
+  constexpr std::size_t kPiece = 65536;
+  std::string some;
+  while (some.size() < kPiece + unit.size()) some += unit;
   Limit(socket, SO_SNDTIMEO, kStuckMillis);
   for (std::size_t sent = 0;;) {
-    const ssize_t n =
-        send(socket.Get(), some.data(), std::min(some.size(), most - sent), MSG_NOSIGNAL);
+    const ssize_t n = send(socket.Get(), some.data() + sent % unit.size(),
+                           std::min(kPiece, most - sent), MSG_NOSIGNAL);
     if (n == 0 || (n < 0 && errno == EAGAIN)) return sent;
     sent += static_cast<std::size_t>(Check(static_cast<int>(n), "send"));
   }

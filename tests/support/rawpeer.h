@@ -37,9 +37,9 @@ class RawPeer {
   /// Sends in pieces of at most this size, the next one when the other end, which belongs to this
   /// process, has read the one before.
   void SendApart(std::string_view bytes, std::size_t piece);
-  /// Sends what the other end takes, up to `most` bytes, and returns how many it took before it
-  /// let half a second pass without reading.
-  std::size_t SendUntilStuck(std::size_t most);
+  /// Sends what the other end takes, up to `most` bytes of one unit after the other, and returns
+  /// how many it took before it let half a second pass without reading.
+  std::size_t SendUntilStuck(std::size_t most, std::string_view unit = "s");
   /// Exactly n bytes.
   std::string Receive(std::size_t n);
   /// All bytes up to the other end's close, reset included.

@@ -237,6 +237,8 @@ TEST(HttpFraming, NeverFindsABodyThatAnotherReaderWouldEndElsewhere) {
   }
   ExpectCut("no coding in HTTP/1.0", false,
             {{Header, "POST / HTTP/1.0\r\n" + kChunked + "\r\n"}, {Broken, "0"}});
+  ExpectCut("no coding in HTTP/1.0 with a blank behind it", false,
+            {{Header, "POST / HTTP/1.0 \r\n" + kChunked + "\r\n"}, {Broken, "0"}});
   ExpectCut("a first line is no field", false, {{Header, kLength + "\r\n"}, {Header, kGet}});
 }
 
@@ -277,10 +279,6 @@ TEST(HttpHead, FindsFieldsByTheirWholeNameInLinesBehindTheFirst) {
     EXPECT_TRUE(isHdrM(head.data(), n, "host:", item)) << item;
   EXPECT_FALSE(isHdrM(head.data(), n, "Host:", "no"));
 
-  PCH1 const copy = GetHdrPCH10m(head.data(), n, "HOST:");
-  EXPECT_STREQ(copy, "a b");
-  free(copy);
-  EXPECT_EQ(GetHdrPCH10m(head.data(), n, "Other:"), nullptr);
   const HTTPTEXT first = FirstLine(head.data(), n);
   EXPECT_EQ(string(first.text, first.length), "Host: no");
 }

@@ -71,6 +71,8 @@ TEST(HttpMsg, TakesPiecesApartAsTheyStand) {
        Header("GET", "/a", "HTTP/1.1", {{"hOST", "x"}, {"B", "y "}})},
       {"answer with LF", DecodeHttpHeader, "HTTP/1.1 404 Not Found\nA:1\n\n",
        Header("HTTP/1.1", "404", "Not Found", {{"A", "1"}})},
+      {"empty lines ahead", DecodeHttpHeader, "\r\nA B C\r\nx: 1\r\n\r\n",
+       Header("A", "B", "C", {{"x", "1"}})},
       {"no fields", DecodeHttpHeader, "GET\r\n\r\n", Header("GET", "", "", {})},
       {"colon in a value, empty value, no name", DecodeHttpHeader,
        "A B C\r\nx: 1:2\r\ny:\r\n: z\r\n\r\n",

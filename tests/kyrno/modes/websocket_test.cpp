@@ -91,4 +91,13 @@ TEST_F(WebSocket, TellsAPeersMistakeThoughItsCloseFrameCannotLeave) {
   EXPECT_EQ(socket->lErrorObj, ERR_WRONG_MAGIC);
 }
 
+TEST_F(WebSocket, IsGoneAtOnceWhenTheApplicationHasClosedAndThePeerMakesAMistake) {
+  Begin(WSStrict);
+  ASSERT_EQ(socket->Close(node), 0);
+  char frame[22];
+  for (ssize_t n = 0; n <= 0; n = read(peer, frame, sizeof frame)) sched_yield();
+  ASSERT_EQ(write(peer, "\x81\0", 2), 2);  // without a mask
+  EXPECT_TRUE(Becomes(SMarkedForDeletion));
+}
+
 }  // namespace
