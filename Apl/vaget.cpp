@@ -140,12 +140,12 @@ UI4 Digits(const ELEM& e, PCH1 out) {
 }
 
 // Where a text ends up: a whole VAC1 array, or an element that is none.
-struct TEXT {
+struct FOUNDTEXT {
   const VARRAY* string = nullptr;
   ELEM e;
 };
 
-SI4 FindText(const VARRAY* array, UI4 index, TEXT* text) {
+SI4 FindText(const VARRAY* array, UI4 index, FOUNDTEXT* text) {
   for (;;) {
     if (VAType(array) == VAC1) {
       if (VARank(array) > 1) return ERR_APL_RANK;
@@ -257,7 +257,7 @@ SI4 VAGetF8(const VARRAY* array, UI4 index, PF8 result) {
 }
 
 SI4 VAGetLen(const VARRAY* array, UI4 index, PUI4 length, SI2 type) {
-  TEXT text;
+  FOUNDTEXT text;
   const SI4 code = FindText(array, index, &text);
   if (code != 0) return code;
   const UI4 terminator = type == VABIN ? 0 : 1;
@@ -276,7 +276,7 @@ SI4 VAGetLen(const VARRAY* array, UI4 index, PUI4 length, SI2 type) {
 }
 
 SI4 VAGetCH1(const VARRAY* array, UI4 index, PCH1 destination, UI4 size, SI2 type) {
-  TEXT text;
+  FOUNDTEXT text;
   SI4 code = FindText(array, index, &text);
   if (code != 0) return code;
   if (!text.string && text.e.kind != ELEM::Char) {
@@ -309,6 +309,13 @@ SI4 VAGetCH1m(const VARRAY* array, UI4 index, PCH1* result, SI2 type) {
   }
   LOG(4, ("VAGetCH1m error %ld", static_cast<long>(code)));
   free(text);
+  return code;
+}
+
+SI4 ReadText(const VARRAY* array, UI4 index, TEXT* text) {
+  PCH1 read = nullptr;
+  const SI4 code = VAGetCH1m(array, index, &read, VACHAR);
+  text->reset(read);
   return code;
 }
 

@@ -10,6 +10,7 @@
 
 #include "Apl/vapl.h"
 #include "Apl/vaunicod.h"
+#include "util/freed.h"
 
 inline constexpr SI2 VABIN = 0;   ///< bytes as they stand: character data only
 inline constexpr SI2 VACHAR = 1;  ///< text: numbers as digits, translated, with a zero at its end
@@ -28,6 +29,8 @@ inline constexpr SI2 VACHAR = 1;  ///< text: numbers as digits, translated, with
 
 /// The same in a fresh block that the caller frees; null on failure.
 [[nodiscard]] SI4 VAGetCH1m(const VARRAY* array, UI4 index, PCH1* result, SI2 type);
+/// The text of one element, of any length; null on failure.
+[[nodiscard]] SI4 ReadText(const VARRAY* array, UI4 index, TEXT* text);
 
 /// All elements of a VAC1, VAI1 or VAI2 array as bytes. With a null destination only their count is
 /// stored. Alone in its family it answers ERR_LENGTH and ERR_DOMAIN.

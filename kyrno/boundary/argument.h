@@ -8,6 +8,7 @@
 #include "Apl/vapl.h"
 #include "kyrno/boundary/arrays.h"
 #include "kyrno/tree/hieraki.h"
+#include "util/freed.h"
 
 /// A path with its terminator.
 ///

@@ -8,13 +8,6 @@
 #include "Apl/zblock.h"
 #include "kyrno/base/error.h"
 
-SI4 ReadText(const VARRAY* arg, UI4 index, TEXT* text) {
-  PCH1 read = nullptr;
-  const SI4 code = VAGetCH1m(arg, index, &read, VACHAR);
-  text->reset(read);
-  return code;
-}
-
 UI4 ItemCount(const VARRAY* arg) {
   const VATYPES type = VAType(arg);
   return type == VAC1 || type == VAC2 || type == VAC4 ? 1 : VAElems(arg);

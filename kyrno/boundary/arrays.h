@@ -1,18 +1,8 @@
 // arrays.h - what the commands read from their argument, and the arrays that they answer with.
 #pragma once
 
-#include <cstdlib>
-#include <memory>
-
 #include "Apl/vapl.h"
 
-struct FREE {
-  void operator()(PVOID p) const { free(p); }
-};
-using TEXT = std::unique_ptr<CH1, FREE>;
-
-/// The text of one item, of any length.
-[[nodiscard]] SI4 ReadText(const VARRAY* arg, UI4 index, TEXT* text);
 /// How many items an argument has. A text counts as one.
 UI4 ItemCount(const VARRAY* arg);
 

@@ -18,6 +18,7 @@
 #include "kyrno/net/bufferfile.h"
 #include "sys/linux/fdhold.h"
 #include "util/compression.h"
+#include "util/freed.h"
 #include "util/itoa.h"
 
 namespace {
@@ -29,11 +30,6 @@ constexpr UI4 kCodingSize = 31;           // of a content encoding, with its NUL
 constexpr UI4 kMaxLevel = 9;
 constexpr CH1 CRLF[] = "\r\n";
 constexpr CH1 OWS[] = " ";
-
-struct FREE {
-  void operator()(PVOID p) const { free(p); }
-};
-using BYTES = std::unique_ptr<UI1, FREE>;
 
 SI4 MakeRoom(PBUFFER out, UI4 n) {
   if (n <= out->Remaining()) return 0;

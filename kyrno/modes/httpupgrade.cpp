@@ -17,6 +17,7 @@
 #include "kyrno/tree/root.h"
 #include "sys/linux/random.h"
 #include "util/base64.h"
+#include "util/freed.h"
 #include "util/sha1.h"
 
 static constexpr UI4 MODULE = 0x00000080;
@@ -26,11 +27,6 @@ namespace {
 constexpr UI4 kKeyBytes = 16;
 constexpr UI4 kKeySize = 24;  // the same in base64
 constexpr CH1 WSGUID[] = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
-
-struct FREE {
-  void operator()(PCH1 text) const { free(text); }
-};
-using TEXT = std::unique_ptr<CH1, FREE>;
 
 /// The texts one behind the other, ready to be sent.
 PBUFFER Join(std::initializer_list<PCH10> texts) {
@@ -61,18 +57,11 @@ PBUFFER AnswerTo(const HTTPTEXT& key, PCH10 extra) {
   return Join({kGrant, accept, CRLF, extra, CRLF});
 }
 
-SI4 ReadItem(PAA value, UI4 index, TEXT* text) {
-  PCH1 read = nullptr;
-  const SI4 code = VAGetCH1m(value, index, &read, VACHAR);
-  text->reset(read);
-  return code;
-}
-
 /// An item that may be absent.
 SI4 ReadExtra(PAA value, UI4 index, TEXT* text) {
   // A text alone is one item, whatever its length.
   if (VAType(value) != VAPntr || VAElems(value) <= index) return 0;
-  return ReadItem(value, index, text);
+  return ReadText(value, index, text);
 }
 
 bool StartsWith(const HTTPTEXT& line, PCH10 word) {
@@ -138,8 +127,8 @@ UI4 WebSocketKey(PCH10 key, UI4 n, CH1 (&accept)[kWSAcceptSize + 1]) {
 SI4 HTTPCONNECTION::WSUpgrade(PAA value) {
   if (Type != TClient) return ERR_INVALID_OBJECT;
   TEXT url, host, extra;
-  SI4 code = ReadItem(value, 0, &url);
-  if (!code) code = ReadItem(value, 1, &host);
+  SI4 code = ReadText(value, 0, &url);
+  if (!code) code = ReadText(value, 1, &host);
   if (!code) code = ReadExtra(value, 2, &extra);
   if (code) return code;
 
@@ -163,7 +152,7 @@ SI4 HTTPCONNECTION::WSUpgrade(PAA value) {
 SI4 HTTPCONNECTION::UpgradeHeader(PAA value) {
   constexpr UI4 kIndex = 3;
   TEXT text;
-  if (const SI4 code = ReadItem(value, kIndex, &text)) return code;
+  if (const SI4 code = ReadText(value, kIndex, &text)) return code;
   MUTEXHOLD hold(lockUpgrade);
   free(pUserHeaders);
   pUserHeaders = text.release();
@@ -177,7 +166,7 @@ bool HTTPCONNECTION::IsAnswer(PCH10 head, UI4 n) {
 
 SI4 HTTPCONNECTION::WSAccept(PAA value) {
   TEXT text, extra;
-  SI4 code = ReadItem(value, 0, &text);
+  SI4 code = ReadText(value, 0, &text);
   if (!code) code = ReadExtra(value, 1, &extra);
   if (code) return code;
   const UI4 n = static_cast<UI4>(strlen(text.get()));

@@ -60,11 +60,6 @@ PHIERAKI FindNamed(PHIERAKI item, const QLNSOCKADDR& address) {
 
 // ---- what is to be sent where
 
-UDPTARGET::~UDPTARGET() {
-  free(host);
-  free(service);
-}
-
 SI4 UDPTARGET::Read(PUI4 z) {
   const VAHOLD array(UnpackZ(z));
   if (!array) return ERR_ARCHITECTURE;
@@ -73,14 +68,14 @@ SI4 UDPTARGET::Read(PUI4 z) {
   const UI4 items = VACount(array.Get());
   if (items > kMaxItems) return ERR_LENGTH;
 
-  SI4 code = VAGetCH1m(array.Get(), 0, &host, VACHAR);
-  if (!code) code = VAGetCH1m(array.Get(), 1, &service, VACHAR);
+  SI4 code = ReadText(array.Get(), 0, &host);
+  if (!code) code = ReadText(array.Get(), 1, &service);
   if (!code && items == kMaxItems) code = VAGetpAA(array.Get(), 2, data.Out());
   return code;
 }
 
 SI4 UDPTARGET::LookUp(PROTOCOL prot) {
-  return GetIPAddr(*host ? host : nullptr, service, SOCK_DGRAM, prot, false, &addr);
+  return GetIPAddr(*host ? host.get() : nullptr, service.get(), SOCK_DGRAM, prot, false, &addr);
 }
 
 // ---- the interpreter's side

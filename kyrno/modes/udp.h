@@ -19,15 +19,11 @@
 #include "kyrno/modes/udpaddr.h"
 #include "kyrno/net/ranges.h"
 #include "kyrno/tree/rpcobjs.h"
+#include "util/freed.h"
 
 /// What an array asks a UDP object to send: (address, port, data), the last one optional.
 class UDPTARGET {
  public:
-  UDPTARGET() = default;
-  ~UDPTARGET();
-  UDPTARGET(const UDPTARGET&) = delete;
-  UDPTARGET& operator=(const UDPTARGET&) = delete;
-
   /// ERR_ARCHITECTURE for no array, ERR_RANK, ERR_DOMAIN for a simple one, ERR_LENGTH, and the
   /// codes of its texts.
   [[nodiscard]] SI4 Read(PUI4 z);
@@ -38,8 +34,8 @@ class UDPTARGET {
   PAA Data() const { return data.Get(); }  ///< borrowed; null for none
 
  private:
-  PCH1 host = nullptr;     // owned, from malloc
-  PCH1 service = nullptr;  // owned, from malloc
+  TEXT host;
+  TEXT service;
   VAHOLD data;
   QLNSOCKADDR addr{};
 };

@@ -21,6 +21,7 @@
 #include "kyrno/net/bufferfile.h"
 #include "kyrno/tree/root.h"
 #include "sys/linux/fdhold.h"
+#include "util/freed.h"
 
 static constexpr UI4 MODULE = 0x00000080;
 
@@ -33,10 +34,6 @@ const PCH10 eventname[EMAX] = {"Receive",   "Progress", "Block",     "Error",
 namespace {
 
 constexpr UI4 kFileNameSize = 512;
-
-struct FREE {
-  void operator()(PVOID p) const { free(p); }
-};
 
 /// Whether a text would end before its last element.
 bool HoldsZero(PAA text) {
@@ -111,7 +108,7 @@ SI4 RPCOBJS::ComposeBuffer(PUI4 z, UI4 size, PBUFFER* out) {
   UI4 n = 0;
   if (VAType(array.Get()) != VAPntr) {
     const SI4 code = GetBytes(array.Get(), &bytes, &n);
-    const std::unique_ptr<UI1, FREE> block(bytes);
+    const BYTES block(bytes);
     return code ? code : ComposeBuffer(bytes, n, -1, out);
   }
 
@@ -123,7 +120,7 @@ SI4 RPCOBJS::ComposeBuffer(PUI4 z, UI4 size, PBUFFER* out) {
   if (!first) return ERR_DOMAIN;
   if (VAElems(first) != 0) code = GetBytes(first, &bytes, &n);
   if (code) return code;
-  const std::unique_ptr<UI1, FREE> block(bytes);
+  const BYTES block(bytes);
   int file = -1;
   code = OpenNamed(array.Get(), &file);
   return code ? code : ComposeBuffer(bytes, n, file, out);
@@ -216,7 +213,7 @@ SI4 GetBytes(PAA array, PUI1* bytes, PUI4 n) {
   *n = 0;
   SI4 code = VAGetBytes(array, nullptr, n);
   if (code || *n == 0) return code;
-  std::unique_ptr<UI1, FREE> block(static_cast<PUI1>(malloc(*n)));
+  BYTES block(static_cast<PUI1>(malloc(*n)));
   if (!block) return ERR_MEMORY_ALLOC;
   code = VAGetBytes(array, block.get(), n);
   if (code == 0) *bytes = block.release();
