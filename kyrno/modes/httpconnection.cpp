@@ -100,20 +100,13 @@ void HTTPCONNECTION::SetDecodeBuffers(PHIERAKI item, UI4 decode) {
   item->LoopSub(SetDecode, &decode);
 }
 
-SI4 HTTPCONNECTION::SendBuffer(PHIERAKI item, PCH1 name, PBUFFER buffer, UI4 flag) {
-  const SI4 code = CONNECTION::SendBuffer(item, name, buffer, flag);
-  // Who sends anything else than an upgrade's answer goes on with HTTP.
-  if (code || !held.exchange(false, std::memory_order_acq_rel)) return code;
-  return RootOf(item)->Changed(item);
-}
-
 // ---- what is received
 
 SI4 HTTPCONNECTION::HeaderBytes(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, PUI4 used) {
   *used = n;
   // What is kept goes first, also when the application has refused in the midst of this turn: its
   // message brings the turn that resumes.
-  if (uncut || held.load(std::memory_order_acquire)) return Keep(data, n);
+  if (uncut || held) return Keep(data, n);
   if (pHeader && pHeader->SizeProcessed() > 0) return CutHeader(sets, item, data, n, used);
 
   // Pieces are cut where the bytes were read to: only a head that is not whole is kept.
@@ -186,8 +179,14 @@ bool HTTPCONNECTION::WantsBytes() const {
   return !uncut || pHeader->SizeProcessed() < MaxBlockSize;
 }
 
+void HTTPCONNECTION::Send(PHIERAKI child) {
+  // Who sends anything else than an upgrade's answer goes on with HTTP, behind what is sent here.
+  held = false;
+  CONNECTION::Send(child);
+}
+
 SI4 HTTPCONNECTION::Resume(PFDSETS sets, PHIERAKI item) {
-  if (!uncut || held.load(std::memory_order_acquire)) return 0;
+  if (!uncut || held) return 0;
   uncut = false;
   const std::unique_ptr<BUFFER> kept(std::exchange(pHeader, nullptr));
   return Feed(sets, item, kept->Start(), kept->SizeProcessed());
@@ -235,7 +234,7 @@ SI4 HTTPCONNECTION::ReadComplete(PFDSETS sets, PHIERAKI child) {
 SI4 HTTPCONNECTION::PassiveClose(PFDSETS sets, PHIERAKI item) {
   // Nobody has accepted or refused what waits here: then it is HTTP.
   while (uncut) {
-    held.store(false, std::memory_order_release);
+    held = false;
     if (const SI4 code = Resume(sets, item)) return code;
     if (item->Obj() != this || GetState() != SConnected) return 0;
   }

@@ -46,10 +46,10 @@ class HTTPCONNECTION : public CONNECTION {
   [[nodiscard]] SI4 ComposeBuffer(PUI1 data, UI4 n, int file, PBUFFER* out) override;
 
   [[nodiscard]] SI4 SetRPCProp(PHIERAKI root, PCH10 name, PAA value) override;
-  [[nodiscard]] SI4 SendBuffer(PHIERAKI item, PCH1 name, PBUFFER buffer, UI4 flag) override;
 
   SI4 ReadComplete(PFDSETS sets, PHIERAKI child) override WORK_ONLY;
   SI4 PassiveClose(PFDSETS sets, PHIERAKI item) override WORK_ONLY;
+  void Send(PHIERAKI child) override WORK_ONLY;
 
   /// For pieces to come, and for those below `item` that wait.
   void SetDecodeBuffers(PHIERAKI item, UI4 decode);
@@ -90,7 +90,7 @@ class HTTPCONNECTION : public CONNECTION {
   bool uncut WORK_DATA = false;  // pHeader has bytes that the framing has not been shown
   // A request or answer of an upgrade has been handed out: what follows is kept uncut until the
   // application has accepted, or sends something else, which refuses.
-  std::atomic<bool> held{false};
+  bool held WORK_DATA = false;
 
   MUTEX lockUpgrade;
   CH1 pWSUpgradeKey[25] GUARDED_BY(lockUpgrade) = {0};  // of this client's request, base64

@@ -200,7 +200,7 @@ SI4 HTTPCONNECTION::Upgrade(PFDSETS sets, PHIERAKI item, PCH10 head, UI4 headSiz
     return ERR_WSUPGRADE_FAILED;
 
   if (!(Features & WSAutoUpgrade)) {
-    held.store(true, std::memory_order_release);
+    held = true;
     lineEnd = 0;
     const SI4 code =
         ReturnBuffer(sets, item, head, headSize, headSize, server ? "WSUpgradeReq" : "WSResponse");
@@ -217,7 +217,7 @@ SI4 HTTPCONNECTION::Upgrade(PFDSETS sets, PHIERAKI item, PCH10 head, UI4 headSiz
 
 /// What comes next is no part of a message that has begun.
 bool HTTPCONNECTION::IsBetweenMessages() const {
-  if (held.load(std::memory_order_acquire)) return true;
+  if (held) return true;
   return !IsReceiving() && !(pHeader && pHeader->SizeProcessed() > 0);
 }
 
