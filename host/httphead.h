@@ -34,7 +34,7 @@ struct HttpHead {
 };
 
 /// A message as the library composes it: the words of the first line, the fields, and the body,
-/// which is bytes, or nested the specification of a file. It adds the length of a body that is not
+/// which is bytes, or nested the description of a file. It adds the length of a body that is not
 /// empty.
 ZValue HttpMessage(const std::string& first, const std::string& second, const std::string& third,
                    const HttpFields& fields, const ZValue& body);

@@ -210,7 +210,7 @@ SI4 ComposeMessage(PARTS* parts, UI4 level, PBUFFER* out) {
   return code ? code : Join(&head, empty ? ZVIEW{} : parts->data, "", out);
 }
 
-/// Opens the file of a specification, in the coding that it asks for.
+/// Opens the file of a description, in the coding that it asks for.
 SI4 OpenCoded(PAA spec, UI4 level, int* file) {
   CH1 coding[kCodingSize] = {};
   SI4 ownLevel = 0, code = 0;

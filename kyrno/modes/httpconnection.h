@@ -100,7 +100,7 @@ using PHTTPCONNECTION = HTTPCONNECTION*;
 
 // --- the parts of what is composed, httpcompose.cpp
 
-/// Opens the file of a specification: up to 4 items, bytes to go ahead, file name, content
+/// Opens the file of a description: up to 4 items, bytes to go ahead, file name, content
 /// encoding, compression level in place of `level`. "deflate" and "gzip" make it a compressed
 /// temporary file. *ahead, for free(), and *aheadSize are the bytes; *file is the caller's and
 /// stands anywhere. ERR_LENGTH, ERR_FILE, ERR_SIZE above 4 GiB, ERR_NO_SSL_SUPPORT without the
