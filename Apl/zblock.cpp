@@ -267,6 +267,31 @@ SI4 ViewBytes(const ZVIEW& view, PUI1 to) {
   return 0;
 }
 
+bool ViewNumber(const ZVIEW& item, PSI4 number) {
+  if (item.count != 1) return false;
+  switch (item.type) {
+    case VABit:
+      *number = static_cast<UI1>(*item.data) >> 7;
+      return true;
+    case VAI1: {
+      const SI4 byte = static_cast<UI1>(*item.data);
+      *number = byte < 128 ? byte : byte - 256;
+      return true;
+    }
+    case VAI2: {
+      SI2 value;
+      memcpy(&value, item.data, sizeof value);
+      *number = value;
+      return true;
+    }
+    case VAI4:
+      memcpy(number, item.data, sizeof *number);
+      return true;
+    default:
+      return false;
+  }
+}
+
 UI4 ViewItems(const void* block, UI4 length, ZVIEW* items, UI4 max) {
   UI4 at = 0;
   ZVIEW top;

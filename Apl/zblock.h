@@ -92,6 +92,9 @@ bool ViewNext(const void* block, UI4 length, PUI4 offset, ZVIEW* view);
 /// ERR_LENGTH for a type without bytes, ERR_DOMAIN for a value that is none.
 [[nodiscard]] SI4 ViewBytes(const ZVIEW& view, PUI1 to);
 
+/// The number that VAGetSI4 would read from a viewed array. False for what it converts or refuses.
+bool ViewNumber(const ZVIEW& view, PSI4 number);
+
 /// Looks in the same way at the items of a vector of at most `max` simple arrays; a simple array is
 /// its own only item. The result is their number, 0 for every other form and for everything that
 /// ReadZ refuses.

@@ -12,32 +12,6 @@ namespace {
 
 bool IsText(const ZVIEW& item) { return item.type == VAC1 && item.rank <= 1; }
 
-/// The number that VAGetSI4 would read. False for what it converts or refuses.
-bool WholeNumber(const ZVIEW& item, PSI4 number) {
-  if (item.count != 1) return false;
-  switch (item.type) {
-    case VABit:
-      *number = static_cast<UI1>(*item.data) >> 7;
-      return true;
-    case VAI1: {
-      const SI4 byte = static_cast<UI1>(*item.data);
-      *number = byte < 128 ? byte : byte - 256;
-      return true;
-    }
-    case VAI2: {
-      SI2 value;
-      memcpy(&value, item.data, sizeof value);
-      *number = value;
-      return true;
-    }
-    case VAI4:
-      memcpy(number, item.data, sizeof *number);
-      return true;
-    default:
-      return false;
-  }
-}
-
 }  // namespace
 
 SI4 ARGUMENT::Read(const UI4* block) {
@@ -50,7 +24,7 @@ SI4 ARGUMENT::Read(const UI4* block) {
 
   ZVIEW views[2];
   const UI4 n = ViewItems(block, size, views, 2);
-  if (n > 0 && IsText(views[0]) && (n == 1 || WholeNumber(views[1], &number))) {
+  if (n > 0 && IsText(views[0]) && (n == 1 || ViewNumber(views[1], &number))) {
     items = n;
     text = views[0].data;
     length = views[0].count;

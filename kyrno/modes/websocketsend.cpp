@@ -20,26 +20,7 @@ bool IsText(VATYPES type) { return type == VAC1 || type == VAC2 || type == VAC4;
 
 /// A whole number where it stands; false for what has to be read more thoroughly.
 bool QuickNumber(const ZVIEW& view, PSI4 value) {
-  if (view.rank != 0 || view.count != 1) return false;
-  switch (view.type) {
-    case VABit:
-      *value = static_cast<UI1>(*view.data) >> 7;
-      return true;
-    case VAI1:
-      *value = (static_cast<UI1>(*view.data) ^ 0x80) - 0x80;
-      return true;
-    case VAI2: {
-      SI2 v;
-      memcpy(&v, view.data, sizeof v);
-      *value = v;
-      return true;
-    }
-    case VAI4:
-      memcpy(value, view.data, sizeof *value);
-      return true;
-    default:
-      return false;
-  }
+  return view.rank == 0 && ViewNumber(view, value);
 }
 
 /// Units in front of the first zero, at which the converters end.

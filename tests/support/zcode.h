@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace zcode {
@@ -55,6 +56,17 @@ inline Bytes Int(int32_t value) {
 
 inline Bytes Vector(const std::vector<Bytes>& children) {
   return Nested({children.size()}, children);
+}
+
+/// A matrix of names and values, as HTTP has its fields.
+using FIELDS = std::vector<std::pair<std::string, std::string>>;
+inline Bytes Fields(const FIELDS& fields) {
+  std::vector<Bytes> cells;
+  for (const auto& [name, value] : fields) {
+    cells.push_back(Text(name));
+    cells.push_back(Text(value));
+  }
+  return Nested({fields.size(), 2}, cells);
 }
 
 /// The whole block round a top array.

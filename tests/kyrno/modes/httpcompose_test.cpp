@@ -15,16 +15,7 @@
 namespace {
 
 using zcode::Bytes, zcode::Int, zcode::Nested, zcode::Simple, zcode::Text, zcode::Vector;
-using FIELDS = std::vector<std::pair<std::string, std::string>>;
-
-Bytes Fields(const FIELDS& fields) {
-  std::vector<Bytes> cells;
-  for (const auto& [name, value] : fields) {
-    cells.push_back(Text(name));
-    cells.push_back(Text(value));
-  }
-  return Nested({fields.size(), 2}, cells);
-}
+using zcode::FIELDS, zcode::Fields;
 
 Bytes Answer(const Bytes& fields, const Bytes& body) {
   return Vector({Text("HTTP/1.1"), Int(200), Text("All right"), fields, body});

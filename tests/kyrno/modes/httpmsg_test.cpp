@@ -15,17 +15,8 @@
 
 namespace {
 
-using zcode::Bytes, zcode::Nested, zcode::Simple, zcode::Text, zcode::Vector;
-using FIELDS = std::vector<std::pair<std::string, std::string>>;
-
-Bytes Fields(const FIELDS& fields) {
-  std::vector<Bytes> cells;
-  for (const auto& [name, value] : fields) {
-    cells.push_back(Text(name));
-    cells.push_back(Text(value));
-  }
-  return Nested({fields.size(), 2}, cells);
-}
+using zcode::Bytes, zcode::Simple, zcode::Text, zcode::Vector;
+using zcode::FIELDS, zcode::Fields;
 
 Bytes Header(const std::string& a, const std::string& b, const std::string& c, const FIELDS& f) {
   return zcode::Block(Vector({Text(a), Text(b), Text(c), Fields(f)}));
