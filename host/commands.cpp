@@ -15,6 +15,18 @@ volatile std::sig_atomic_t interrupted = 0;
 /// All modules of the log, and the level that shows each read and write.
 constexpr int kTraceAll = ~0xF | 4;
 
+Options ObjectOptions(const std::string& name, const Endpoint& end, const Tuning& tuning,
+                      bool server) {
+  Options options{{"Name", name}, {"Address", end.address}, {"Port", end.port}, {"Mode", end.mode}};
+  if (tuning.bufferSize > 0) options.emplace_back("BufferSize", tuning.bufferSize);
+  if (tuning.magic != 0) options.emplace_back("Magic", tuning.magic);
+  if (!tuning.stops.empty())
+    options.emplace_back(
+        "EOM", ZValue::List(std::vector<ZValue>(tuning.stops.begin(), tuning.stops.end())));
+  for (auto& option : TlsOptions(tuning.tls, server)) options.push_back(std::move(option));
+  return options;
+}
+
 }  // namespace
 
 void CatchInterrupts() {
@@ -85,23 +97,26 @@ std::string Unescape(const std::string& text) {
   return out;
 }
 
-Options ObjectOptions(const std::string& name, const Endpoint& end, const Tuning& tuning) {
-  Options options{{"Name", name}, {"Address", end.address}, {"Port", end.port}, {"Mode", end.mode}};
-  if (tuning.bufferSize > 0) options.emplace_back("BufferSize", tuning.bufferSize);
-  if (tuning.magic != 0) options.emplace_back("Magic", tuning.magic);
-  if (!tuning.stops.empty())
-    options.emplace_back(
-        "EOM", ZValue::List(std::vector<ZValue>(tuning.stops.begin(), tuning.stops.end())));
-  return options;
+Options ServerOptions(const std::string& name, const Endpoint& end, const Tuning& tuning) {
+  return ObjectOptions(name, end, tuning, true);
+}
+
+Options ClientOptions(const std::string& name, const Endpoint& end, const Tuning& tuning) {
+  return ObjectOptions(name, end, tuning, false);
 }
 
 HostSession::HostSession(const Library& lib, const std::string& name, const Settings& settings)
     : Session(lib, name) {
   SetProp(".", "EventMode", 1);
-  if (!settings.trace) return;
-  // The library writes to a log that is there and never makes one.
-  std::ofstream("kyrno.log", std::ios::app);
-  SetProp(".", "Trace", kTraceAll);
+  if (settings.trace) {
+    // The library writes to a log that is there and never makes one.
+    std::ofstream("kyrno.log", std::ios::app);
+    SetProp(".", "Trace", kTraceAll);
+  }
+  if (settings.caDir.empty()) return;
+  const ZValue trusted = Run("ASetProp", ZValue::List({".", "RootCertDir", settings.caDir}));
+  if (const auto code = static_cast<int>(trusted.Integer()); code != 0)
+    throw lib.Error(settings.caDir, code);
 }
 
 }  // namespace host

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/console.h"
+#include "host/tlsoptions.h"
 #include "host/url.h"
 
 namespace host {
@@ -29,6 +30,7 @@ struct Tuning {
   std::vector<std::string> stops;  ///< end-of-message sequences, escapes already resolved
   int bufferSize = 0;              ///< 0: the library's own
   int magic = 0;
+  Tls tls;
 };
 
 /// Resolves \n, \r, \t, \0, \xHH and \\. Throws std::invalid_argument on any other escape.
@@ -36,10 +38,12 @@ std::string Unescape(const std::string& text);
 
 struct Settings {
   bool trace = false;
+  std::string caDir;  ///< whose certificates the session trusts; empty: those of the system
 };
 
 /// Arguments of ASrv and AClt; the object gets a generated name where `name` is empty.
-Options ObjectOptions(const std::string& name, const Endpoint& end, const Tuning& tuning);
+Options ServerOptions(const std::string& name, const Endpoint& end, const Tuning& tuning);
+Options ClientOptions(const std::string& name, const Endpoint& end, const Tuning& tuning);
 
 /// A session whose time-outs and closings are events, with the log on where it is asked for.
 class HostSession : public Session {
@@ -62,14 +66,19 @@ int Send(const Console& console, const Settings& settings, const Endpoint& end,
          const Tuning& tuning, const std::vector<ZValue>& values, int waitMillis);
 /// The answer to one GET request: its header too where it is asked for, its body to a file where
 /// one is named.
-int Get(const Console& console, const Settings& settings, const Url& url, bool showHeader,
-        const std::string& file);
+int Get(const Console& console, const Settings& settings, const Url& url, const Tls& tls,
+        bool showHeader, const std::string& file);
 /// Lines from standard input as text messages, and the messages that come in. At the end of input
 /// so much silence ends it.
-int WebSocket(const Console& console, const Settings& settings, const Url& url, int waitMillis);
+int WebSocket(const Console& console, const Settings& settings, const Url& url, const Tls& tls,
+              int waitMillis);
 int Tree(const Console& console, const Settings& settings);
+/// The certificates of a file, PEM or DER.
+int Certs(const Console& console, const Settings& settings, const std::string& file);
 int Demo(const Console& console, const Settings& settings);
-/// The other process of the demo: serves until it is ended, its ports told on a descriptor.
-int DemoPeer(const Console& console, const Settings& settings, int portsFd);
+/// The other process of the demo: serves until it is ended, its ports told on a descriptor, its
+/// certificate in a folder.
+int DemoPeer(const Console& console, const Settings& settings, int portsFd,
+             const std::string& certs);
 
 }  // namespace host

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "host/democerts.h"
 #include "host/process.h"
 #include "host/treeview.h"
 
@@ -28,6 +29,8 @@ constexpr Part kParts[] = {
     {"HTTP: a file, the same compressed, chunks with a trailer", DemoHttp},
     {"WebSocket: text, bytes, a message in three frames", DemoWebSocket},
     {"UDP: datagrams", DemoUdp},
+    {"TLS 1.3: commands, a file, messages; certificates both ways, and a caller without",
+     DemoSecure},
 };
 
 void Title(const Console& console, const std::string& title) {
@@ -67,12 +70,17 @@ void Summary(const DemoRun& run, int childExit, double seconds) {
 
 }  // namespace
 
+std::string DemoMode(const std::string& server) {
+  // A server with stops of its own is a text server all the same, and a WebSocket begins as HTTP.
+  if (server == "lines") return "text";
+  if (server == "secure") return "command";
+  return server == "websocket" || server == "https" || server == "wss" ? "http" : server;
+}
+
 std::string DemoRun::Connect(const std::string& client, const std::string& server,
                              const Tuning& tuning) {
-  // A server with stops of its own is a text server all the same, and a WebSocket begins as HTTP.
-  const std::string mode = server == "lines" ? "text" : server == "websocket" ? "http" : server;
   const std::string port = std::to_string(ports.at(server));
-  return session.Client(ObjectOptions(client, {mode, kLoopback, port}, tuning));
+  return session.Client(ClientOptions(client, {DemoMode(server), kLoopback, port}, tuning));
 }
 
 Event DemoRun::Await(const std::string& name) {
@@ -111,15 +119,18 @@ void DemoRun::ExpectStream(const std::string& name, const std::string& bytes) {
 
 int Demo(const Console& console, const Settings& settings) {
   const auto begin = std::chrono::steady_clock::now();
+  const DemoCerts certs;
   // The other process comes first: this one has no threads yet, and what fails there shows here.
-  std::vector<std::string> arguments{"demo-peer", std::to_string(ChildProcess::kPipe)};
+  std::vector<std::string> arguments{"demo-peer", std::to_string(ChildProcess::kPipe),
+                                     certs.folder};
   if (console.IsJson()) arguments.push_back("--json");
   if (settings.trace) arguments.push_back("--trace");
   ChildProcess child(arguments);
 
   const Library library;
-  const HostSession session(library, "CALLER", settings);
-  DemoRun run(session, console, PortsOf(child.ReadLine(kStartMillis)));
+  const HostSession session(library, "CALLER",
+                            {settings.trace, DemoTls(certs.folder, kDemoClient).caDir});
+  DemoRun run(session, console, PortsOf(child.ReadLine(kStartMillis)), certs.folder);
   for (const Part& part : kParts) {
     Title(console, part.title);
     try {

@@ -5,9 +5,11 @@
 //     client "blkraw", "blktext"  --------->  servers of these   send each block back
 //     client "raw", "text", "onward"  ----->  servers of these   send everything back
 //     client "lines"  --------------------->  server "lines"     numbers each line
-//     client "http"  ---------------------->  server "http"      files and chunks, see
-//     demo_webpeer.h client "websocket"  ----------------->  server "websocket" sends each message
-//     back client "udp"  ----------------------->  server "udp"       sends each datagram back
+//     client "http"  ---------------------->  server "http"      files, chunks: demo_webpeer.h
+//     client "websocket"  ----------------->  server "websocket" sends each message back
+//     client "udp"  ----------------------->  server "udp"       sends each datagram back
+//     clients "secure", "https", "wss"  --->  servers of these   as "command", "http",
+//                                             "websocket", over TLS with certificates both ways
 //
 //   client "near" -> server "front" <=> relay <=> client "onward": all but the end of it here
 #pragma once
@@ -33,6 +35,8 @@ inline constexpr char kProgressName[] = "progress";
 inline constexpr char kReverseName[] = "reverse";
 inline constexpr int kProgressReports = 3;
 inline constexpr int kReverseCommands = 20;
+/// A command of this name is answered with the subject of the certificate that its sender showed.
+inline constexpr char kWhoName[] = "who";
 /// A command of this text wants no answer: it asks for the answer to the last one that is held.
 inline constexpr char kNextPlease[] = "next";
 
@@ -57,14 +61,18 @@ const std::vector<ZValue>& SampleArrays();
 /// Bytes that repeat late: the same for the same seed.
 std::string SampleBytes(std::size_t n, std::uint32_t seed);
 
+/// The mode of a server of the demo.
+std::string DemoMode(const std::string& server);
+
 /// One run: the session, the ports of the other process, and the score.
 class DemoRun {
  public:
-  DemoRun(const Session& s, const Console& c, std::map<std::string, int> p)
-      : session(s), console(c), ports(std::move(p)) {}
+  DemoRun(const Session& s, const Console& c, std::map<std::string, int> p, std::string folder)
+      : session(s), console(c), certs(std::move(folder)), ports(std::move(p)) {}
 
   const Session& session;
   const Console& console;
+  const std::string certs;  ///< the folder of DemoCerts
 
   /// A client of the name, connected to the other process' server; where it sends to.
   std::string Connect(const std::string& client, const std::string& server,
@@ -106,5 +114,11 @@ void DemoRelay(DemoRun& run);
 void DemoHttp(DemoRun& run);
 void DemoWebSocket(DemoRun& run);
 void DemoUdp(DemoRun& run);
+void DemoSecure(DemoRun& run);
+
+// What a connected client of mode http can do, over TLS or not.
+void DemoFile(DemoRun& run, const std::string& client);
+void DemoUpgrade(DemoRun& run, const std::string& client);
+void DemoTextMessages(DemoRun& run, const std::string& client);
 
 }  // namespace host

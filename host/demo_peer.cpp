@@ -7,6 +7,7 @@
 
 #include "host/demo.h"
 #include "host/demo_webpeer.h"
+#include "host/democerts.h"
 #include "host/wsmessages.h"
 
 namespace host {
@@ -19,11 +20,11 @@ constexpr int kMaxBlock = 1 << 20;
 /// "DecodeBuffers": headers, trailers and chunks.
 constexpr int kDecodeRequests = 7;
 
-/// One server per mode, and one that cuts lines.
-Json StartServers(const Session& session) {
+/// One server per mode, one that cuts lines, and three over TLS.
+Json StartServers(const Session& session, const Tls& tls) {
   Json ports;
-  const auto start = [&](const std::string& name, const std::string& mode, const Tuning& tuning) {
-    session.Server(ObjectOptions(name, {mode, kLoopback, "0"}, tuning));
+  const auto start = [&](const std::string& name, const Tuning& tuning) {
+    session.Server(ServerOptions(name, {DemoMode(name), kLoopback, "0"}, tuning));
     ports[name] = session.Port(name);
   };
   Tuning blocks;
@@ -31,17 +32,16 @@ Json StartServers(const Session& session) {
   blocks.bufferSize = kMaxBlock;
   Tuning lines;
   lines.stops = kLineStops;
-  start("command", "command", {});
-  start("blkraw", "blkraw", blocks);
-  start("blktext", "blktext", blocks);
-  start("raw", "raw", {});
-  start("text", "text", {});
-  start("lines", "text", lines);
-  start("http", "http", {});
-  session.SetProp("http", "DecodeBuffers", kDecodeRequests);
-  start("websocket", "http", {});
-  session.SetProp("websocket", "WSFeatures", kWsAutoUpgrade | kWsStrict);
-  start("udp", "udp", {});
+  Tuning secure;
+  secure.tls = tls;
+  for (const char* name : {"command", "raw", "text", "http", "websocket", "udp"}) start(name, {});
+  for (const char* name : {"blkraw", "blktext"}) start(name, blocks);
+  for (const char* name : {"secure", "https", "wss"}) start(name, secure);
+  start("lines", lines);
+  for (const char* name : {"http", "https"})
+    session.SetProp(name, "DecodeBuffers", kDecodeRequests);
+  for (const char* name : {"websocket", "wss"})
+    session.SetProp(name, "WSFeatures", kWsAutoUpgrade | kWsStrict);
   return ports;
 }
 
@@ -70,7 +70,10 @@ class Responder {
  private:
   void Answer(const Event& event) {
     if (event.value == ZValue(kNextPlease)) return AnswerLastHeld();
-    const std::string name = event.name.substr(event.name.rfind('.') + 1);
+    const std::size_t dot = event.name.rfind('.');
+    const std::string name = event.name.substr(dot + 1);
+    if (name == kWhoName)
+      return session.Respond(event.name, PeerSubject(session, event.name.substr(0, dot)));
     if (name.starts_with(kReverseName)) return held.push_back(event);
     if (name == kProgressName)
       for (int i = 0; i < kProgressReports; ++i) session.Respond(event.name, ProgressReport(i), 0);
@@ -92,12 +95,14 @@ class Responder {
 
 }  // namespace
 
-int DemoPeer(const Console& console, const Settings& settings, int portsFd) {
+int DemoPeer(const Console& console, const Settings& settings, int portsFd,
+             const std::string& certs) {
   prctl(PR_SET_PDEATHSIG, SIGTERM);  // the demo may be ended without a chance to end this one
   CatchInterrupts();
   const Library library;
-  const HostSession session(library, "SERVER", settings);
-  TellPorts(StartServers(session), portsFd);
+  const Tls tls = DemoTls(certs, kDemoServer);
+  const HostSession session(library, "SERVER", {settings.trace, tls.caDir});
+  TellPorts(StartServers(session, tls), portsFd);
 
   Responder responder(session);
   bool failed = false;

@@ -39,9 +39,9 @@ void DemoStreams(DemoRun& run) {
 
 void DemoRelay(DemoRun& run) {
   const Session& session = run.session;
-  session.Server(ObjectOptions("front", {"raw", kLoopback, "0"}, {}));
+  session.Server(ServerOptions("front", {"raw", kLoopback, "0"}, {}));
   const std::string port = std::to_string(session.Port("front"));
-  session.Client(ObjectOptions("near", {"raw", kLoopback, port}, {}));
+  session.Client(ClientOptions("near", {"raw", kLoopback, port}, {}));
   const Event connected = run.Await("front");
   run.console.Show("called", connected);
 

@@ -10,6 +10,9 @@ namespace {
 /// "DecodeBuffers": headers, trailers, chunks and bodies, all taken apart.
 constexpr int kDecodeAll = 15;
 
+constexpr int kText = 1;
+constexpr int kBinary = 2;
+
 constexpr char kVersion[] = "HTTP/1.1";
 const HttpFields kHost{{"Host", "demo"}};
 
@@ -18,13 +21,6 @@ ZValue AnswerHead(HttpFields fields, std::size_t length) {
   fields.emplace_back("Content-Length", std::to_string(length));
   const ZValue message = HttpMessage(kVersion, "200", "OK", fields, "");
   return ZValue::List({message.At(0), message.At(1), message.At(2), message.At(3)});
-}
-
-void File(DemoRun& run) {
-  run.session.Send("http", HttpMessage("GET", kFileTarget, kVersion, kHost, ""));
-  const std::string bytes = ServedBytes();
-  run.Expect("http", "HTTPHeader", AnswerHead(kFileFields, bytes.size()));
-  run.Expect("http", "HTTPBody", bytes);
 }
 
 /// The same file, compressed on its way out.
@@ -65,28 +61,40 @@ ZValue Binary(const std::string& bytes) {
 
 }  // namespace
 
+void DemoFile(DemoRun& run, const std::string& client) {
+  run.session.SetProp(client, "DecodeBuffers", kDecodeAll);
+  run.session.Send(client, HttpMessage("GET", kFileTarget, kVersion, kHost, ""));
+  const std::string bytes = ServedBytes();
+  run.Expect(client, "HTTPHeader", AnswerHead(kFileFields, bytes.size()));
+  run.Expect(client, "HTTPBody", bytes);
+}
+
+void DemoUpgrade(DemoRun& run, const std::string& client) {
+  run.session.SetProp(client, "WSFeatures", kWsAutoUpgrade | kWsStrict);
+  run.session.SetProp(client, "WSUpgrade", ZValue::List({"/", "demo"}));
+  const Event upgraded = run.Await(client);
+  run.Judge(upgraded, "WSUpgrade", upgraded.value);  // it answers a key made by chance
+}
+
+void DemoTextMessages(DemoRun& run, const std::string& client) {
+  for (const char* text : {"", "first", "\u03c0 is 3 and a bit", "\U0001F980 and more"}) {
+    const ZValue characters = TextValue(text);
+    run.session.Send(client, WsFrame(characters));
+    run.Expect(client, "WSReceive", Received(characters, kText));
+  }
+}
+
 void DemoHttp(DemoRun& run) {
   run.Connect("http", "http");
-  run.session.SetProp("http", "DecodeBuffers", kDecodeAll);
-  File(run);
+  DemoFile(run, "http");
   GzipFile(run);
   Chunks(run);
 }
 
 void DemoWebSocket(DemoRun& run) {
-  constexpr int kText = 1;
-  constexpr int kBinary = 2;
   run.Connect("websocket", "websocket");
-  run.session.SetProp("websocket", "WSFeatures", kWsAutoUpgrade | kWsStrict);
-  run.session.SetProp("websocket", "WSUpgrade", ZValue::List({"/", "demo"}));
-  const Event upgraded = run.Await("websocket");
-  run.Judge(upgraded, "WSUpgrade", upgraded.value);  // it answers a key made by chance
-
-  for (const char* text : {"", "first", "\u03c0 is 3 and a bit", "\U0001F980 and more"}) {
-    const ZValue characters = TextValue(text);
-    run.session.Send("websocket", WsFrame(characters));
-    run.Expect("websocket", "WSReceive", Received(characters, kText));
-  }
+  DemoUpgrade(run, "websocket");
+  DemoTextMessages(run, "websocket");
   for (const std::string& bytes : {std::string("\0\x7f\x80\xff", 4), SampleBytes(100'000, 8)}) {
     run.session.Send("websocket", WsFrame(Binary(bytes)));
     run.Expect("websocket", "WSReceive", Received(Binary(bytes), kBinary));

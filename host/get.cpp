@@ -128,14 +128,15 @@ std::string Request(const Url& url) {
 
 }  // namespace
 
-int Get(const Console& console, const Settings& settings, const Url& url, bool showHeader,
-        const std::string& file) {
+int Get(const Console& console, const Settings& settings, const Url& url, const Tls& tls,
+        bool showHeader, const std::string& file) {
   const Library library;
   const HostSession session(library, "HOST", settings);
   Tuning tuning;
   tuning.bufferSize = kMaxPiece;
+  tuning.tls = tls;
   const std::string client =
-      session.Client(ObjectOptions("", {"http", url.host, url.port}, tuning));
+      session.Client(ClientOptions("", {"http", url.host, url.port}, tuning));
   session.SetProp(client, "DecodeBuffers", kDecodeChunk);
   session.Send(client, Request(url));
 

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "host/tlsoptions.h"
+
 namespace host {
 
 namespace {
@@ -208,7 +210,22 @@ std::string Session::Server(const Options& options) const {
 }
 
 std::string Session::Client(const Options& options) const {
-  return Must("AClt", OptionList(options)).At(1).Text();
+  const ZValue result = Run("AClt", OptionList(options));
+  const auto code = static_cast<int>(result.Integer());
+  if (code == 0) return result.At(1).Text();
+  const LibraryError error = library.Error("AClt", code);
+  const auto more = [&](const std::string& reason) {
+    return LibraryError("AClt", code, error.name, error.text + ": " + reason);
+  };
+  if (code == kTlsHandshake)
+    throw more("nobody listens there, no TLS suits both ends, or a certificate is wanted");
+  if (code != kInvalidPeerCertificate) throw error;
+
+  int verify = 0;
+  for (const auto& [name, value] : options)
+    if (name == "SSLValidation") verify = static_cast<int>(value.Integer());
+  const auto status = result.Count() > 1 ? static_cast<unsigned>(result.Integer(1)) : 0;
+  throw more(WhyRefused(status, verify));
 }
 
 std::string Session::Send(const std::string& to, const ZValue& value, int flag) const {

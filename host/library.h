@@ -167,7 +167,8 @@ class Session {
   ZValue Must(const char* command, const ZValue& right) const;
   ZValue Must(const char* command, const ZValue& right, const ZValue& left) const;
 
-  /// Both return the name of the new object.
+  /// Both return the name of the new object. A client that refuses the server's certificate tells
+  /// the reason.
   std::string Server(const Options& options) const;
   std::string Client(const Options& options) const;
   /// Returns the path as the object completed it.

@@ -22,6 +22,40 @@ void AddTuning(CLI::App* word, std::vector<std::string>* stops, Tuning* tuning) 
   word->add_option("--magic", tuning->magic, "Word that marks each block of the block modes");
 }
 
+/// What a word takes that speaks TLS.
+void AddTls(CLI::App* word, Tls* tls, bool server) {
+  CLI::Option_group* const group = word->add_option_group("TLS", "Each of these asks for TLS");
+  group->add_flag("--tls", tls->asked, "With the defaults; an https or wss URL says the same");
+  group->add_option("--cert", tls->cert, "Own certificate, its issuers behind it; PEM or DER")
+      ->check(CLI::ExistingFile);
+  group->add_option("--key", tls->key, "Its private key, where that is in a file of its own")
+      ->check(CLI::ExistingFile);
+  group->add_option("--p12", tls->p12, "PKCS #12 file of key and certificate, in place of both")
+      ->check(CLI::ExistingFile);
+  group->add_option("--password", tls->password, "What opens the key, or the PKCS #12 file");
+  group
+      ->add_option("--ca-dir", tls->caDir,
+                   "Folder of the certificates that are trusted, in place of the system's")
+      ->check(CLI::ExistingDirectory);
+  group
+      ->add_option_function<std::string>(
+          "--verify", [tls](const std::string& text) { tls->verify = ParseVerify(text); },
+          "What of the peer's certificate is let pass: a number, or words joined by '+'")
+      ->type_name("FLAGS");
+  group->add_option("--priority", tls->priority,
+                    "What is offered and accepted, as GnuTLS writes it");
+  if (server)
+    group->add_option("--client-cert", tls->clientCert, "Ask the clients who they are")
+        ->check(CLI::IsMember({"request", "require"}));
+}
+
+/// What a URL's scheme says of TLS, and the flags.
+void CheckUrl(const Url& url, Tls* tls) {
+  if (!url.secure && tls->IsWanted())
+    throw std::invalid_argument("TLS needs a URL of https or wss");
+  tls->asked = url.secure;
+}
+
 /// The parser takes words in brackets apart as lists of its own. A blank in front keeps them whole.
 bool IsBracketed(const std::string& word) {
   const std::size_t first = word.find_first_not_of(' ');
@@ -66,6 +100,7 @@ int Run(int argc, char** argv) {
   std::string file;
   Url url;
   int portsFd = -1;
+  std::string certs;
   const std::vector<std::string> both{"command", "blkraw", "blktext", "raw", "text", "udp"};
   std::vector<std::string> served = both;
   served.insert(served.end(), {"http", "websocket"});
@@ -82,6 +117,7 @@ int Run(int argc, char** argv) {
       ->expected(1, 2);
   serve->add_flag("--strict", strict, "websocket: by the letter of RFC 6455, as http always is");
   AddTuning(serve, &stops, &tuning);
+  AddTls(serve, &tuning.tls, true);
   CLI::App* send = app.add_subcommand("send", "Send values and print what comes back");
   send->add_option("MODE", mode)->required()->check(CLI::IsMember(both));
   send->add_option("PEER", where, "HOST:PORT")->required();
@@ -90,23 +126,30 @@ int Run(int argc, char** argv) {
       ->check(CLI::Range(0, std::numeric_limits<int>::max()))
       ->capture_default_str();
   AddTuning(send, &stops, &tuning);
+  AddTls(send, &tuning.tls, false);
   CLI::App* get = app.add_subcommand("get", "Ask for a page and print what comes");
-  get->add_option("URL", where, "http://HOST[:PORT][/PATH]")->required();
+  get->add_option("URL", where, "http[s]://HOST[:PORT][/PATH]")->required();
   get->add_flag("-i", showHeader, "Print the header of the answer first");
   get->add_option("-o", file, "Where the body goes instead of standard output")->type_name("FILE");
+  AddTls(get, &tuning.tls, false);
   CLI::App* ws = app.add_subcommand("ws", "Lines from standard input as WebSocket messages");
-  ws->add_option("URL", where, "ws://HOST[:PORT][/PATH]")->required();
+  ws->add_option("URL", where, "ws[s]://HOST[:PORT][/PATH]")->required();
   ws->add_option("--wait", quietMillis, "Milliseconds of silence that end it behind the input")
       ->check(CLI::Range(1, std::numeric_limits<int>::max()))
       ->capture_default_str();
+  AddTls(ws, &tuning.tls, false);
   CLI::App* tree = app.add_subcommand("tree", "Make a few objects and draw the object tree");
+  CLI::App* look = app.add_subcommand("certs", "Print the certificates of a file, decoded");
+  look->add_option("FILE", file, "PEM or DER")->required()->check(CLI::ExistingFile);
   CLI::App* peer = app.add_subcommand("demo-peer", "The other process of the demo");
-  peer->group("")->add_option("fd", portsFd)->required();
+  peer->group("");
+  peer->add_option("fd", portsFd)->required();
+  peer->add_option("certs", certs)->required();
 
   try {
     app.parse(Shield(argc, argv));
     if (app.get_subcommands().empty())
-      throw std::invalid_argument("say what to do: demo, serve, send, get, ws or tree");
+      throw std::invalid_argument("say what to do: demo, serve, send, get, ws, tree or certs");
     for (const std::string& stop : stops) tuning.stops.push_back(Unescape(Unshield(stop)));
     for (const std::string& word : words) values.push_back(FromArgument(Unshield(word)));
     if (*serve) {
@@ -122,6 +165,10 @@ int Run(int argc, char** argv) {
     if (*send) end = ParseEndpoint(mode, where, true);
     if (*get) url = ParseUrl(where, "http");
     if (*ws) url = ParseUrl(where, "ws");
+    if (*get || *ws) CheckUrl(url, &tuning.tls);
+    if (mode == "udp" && tuning.tls.IsWanted()) throw std::invalid_argument("mode udp has no TLS");
+    CheckTls(tuning.tls, serve->parsed());
+    settings.caDir = tuning.tls.caDir;
   } catch (const CLI::CallForHelp& help) {
     return app.exit(help);
   } catch (const std::exception& error) {
@@ -136,11 +183,17 @@ int Run(int argc, char** argv) {
       return ServeWebSocket(console, settings, end, tuning, strict);
     if (*serve) return Serve(console, settings, end, tuning);
     if (*send) return Send(console, settings, end, tuning, values, waitMillis);
-    if (*get) return Get(console, settings, url, showHeader, file);
-    if (*ws) return WebSocket(console, settings, url, quietMillis);
+    if (*get) return Get(console, settings, url, tuning.tls, showHeader, file);
+    if (*ws) return WebSocket(console, settings, url, tuning.tls, quietMillis);
     if (*tree) return Tree(console, settings);
-    if (*peer) return DemoPeer(console, settings, portsFd);
+    if (*look) return Certs(console, settings, file);
+    if (*peer) return DemoPeer(console, settings, portsFd, certs);
     if (*demo) return Demo(console, settings);
+  } catch (const LibraryError& error) {
+    console.Fail(error);
+    if (error.code == kClosed && tuning.tls.IsWanted())
+      console.Note("a TLS server closes on whoever shows no certificate, or none that it trusts");
+    return kExitFailed;
   } catch (const std::exception& error) {
     console.Fail(error);
     return kExitFailed;

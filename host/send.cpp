@@ -41,7 +41,7 @@ int Send(const Console& console, const Settings& settings, const Endpoint& end,
          const Tuning& tuning, const std::vector<ZValue>& values, int waitMillis) {
   const Library library;
   const HostSession session(library, "HOST", settings);
-  const std::string client = session.Client(ObjectOptions("", end, tuning));
+  const std::string client = session.Client(ClientOptions("", end, tuning));
   // A client of mode udp is named with its peer behind it; what fails is the client itself.
   const std::string waited = client.substr(0, client.find('.'));
   Outstanding outstanding(end.mode);

@@ -17,11 +17,14 @@ void Echo(const Session& session, const Event& event) {
 }  // namespace
 
 int RunServer(const Console& console, const Session& session, const std::string& server,
-              const std::string& mode, const Handler& handle) {
+              const std::string& mode, const Tls& tls, const Handler& handle) {
   CatchInterrupts();
   const int port = session.Port(server);
-  console.Say("serving " + mode + " on port " + std::to_string(port) + " as " + server,
-              {{"event", "Listen"}, {"name", server}, {"mode", mode}, {"port", port}});
+  const bool secure = tls.IsWanted();
+  console.Say(
+      "serving " + mode + (secure ? " over TLS" : "") + " on port " + std::to_string(port) +
+          " as " + server,
+      {{"event", "Listen"}, {"name", server}, {"mode", mode}, {"tls", secure}, {"port", port}});
 
   while (!Interrupted()) {
     const Event event = session.Wait(server, kTurnMillis);
@@ -30,6 +33,7 @@ int RunServer(const Console& console, const Session& session, const std::string&
     std::string remark;
     try {
       remark = handle(event);
+      if (event.event == "Connect" && tls.KnowsClients()) remark = PeerSubject(session, event.name);
     } catch (const LibraryError& error) {
       console.Fail(error);  // this peer is gone; the others are served on
     }
@@ -42,8 +46,8 @@ int Serve(const Console& console, const Settings& settings, const Endpoint& end,
           const Tuning& tuning) {
   const Library library;
   const HostSession session(library, "HOST", settings);
-  const std::string server = session.Server(ObjectOptions("", end, tuning));
-  return RunServer(console, session, server, end.mode, [&](const Event& event) {
+  const std::string server = session.Server(ServerOptions("", end, tuning));
+  return RunServer(console, session, server, end.mode, tuning.tls, [&](const Event& event) {
     Echo(session, event);
     return std::string();
   });

@@ -11,8 +11,9 @@ namespace host {
 using Handler = std::function<std::string(const Event&)>;
 
 /// Tells the port of the server, then handles its events until the program is interrupted. What the
-/// handler cannot do for one peer is reported, and the others are served on.
+/// handler cannot do for one peer is reported, and the others are served on. A client that has
+/// shown a certificate is named by it.
 int RunServer(const Console& console, const Session& session, const std::string& server,
-              const std::string& mode, const Handler& handle);
+              const std::string& mode, const Tls& tls, const Handler& handle);
 
 }  // namespace host

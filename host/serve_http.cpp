@@ -281,10 +281,10 @@ int ServeHttp(const Console& console, const Settings& settings, const std::strin
   const Library library;
   const HostSession session(library, "HOST", settings);
   WebServer web(session, dir);
-  const std::string server = session.Server(ObjectOptions("", end, tuning));
+  const std::string server = session.Server(ServerOptions("", end, tuning));
   // Browsers cut large messages between the bytes of a character.
   session.SetProp(server, "WSFeatures", kWsAutoUpgrade | kWsStrict);
-  return RunServer(console, session, server, end.mode,
+  return RunServer(console, session, server, end.mode, tuning.tls,
                    [&](const Event& event) { return web.Handle(event); });
 }
 

@@ -21,11 +21,11 @@ int ServeWebSocket(const Console& console, const Settings& settings, const Endpo
   const Library library;
   const HostSession session(library, "HOST", settings);
   const std::string server =
-      session.Server(ObjectOptions("", {"http", end.address, end.port}, tuning));
+      session.Server(ServerOptions("", {"http", end.address, end.port}, tuning));
   session.SetProp(server, "WSFeatures", kWsAutoUpgrade | (strict ? kWsStrict : 0));
 
   WsEcho echo(session);
-  return RunServer(console, session, server, end.mode, [&](const Event& event) {
+  return RunServer(console, session, server, end.mode, tuning.tls, [&](const Event& event) {
     if (event.event == "HTTPHeader") session.Send(event.name, kUpgradeRequired, kSendAndClose);
     echo.Handle(event);
     return std::string();

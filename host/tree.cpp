@@ -18,9 +18,9 @@ int Tree(const Console& console, const Settings& settings) {
   for (const std::string mode : {"command", "blktext"}) {
     const std::string server = "server_" + mode;
     const std::string client = "client_" + mode;
-    session.Server(ObjectOptions(server, {mode, kLoopback, "0"}, {}));
+    session.Server(ServerOptions(server, {mode, kLoopback, "0"}, {}));
     const std::string port = std::to_string(session.Port(server));
-    session.Client(ObjectOptions(client, {mode, kLoopback, port}, {}));
+    session.Client(ClientOptions(client, {mode, kLoopback, port}, {}));
     if (const Event event = session.Wait(server, kWaitMillis); event.event != "Connect")
       throw library.Error("no connection", event.code != 0 ? event.code : kTimeout);
   }

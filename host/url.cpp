@@ -10,7 +10,7 @@ namespace host {
 
 namespace {
 
-constexpr char kDefaultPort[] = "80";
+const char* DefaultPort(bool secure) { return secure ? "443" : "80"; }
 
 /// What stands in a URL as it is, and what has been encoded already.
 constexpr char kUrlPlain[] = "-._~:/?[]@!$&'()*+,;=%";
@@ -44,18 +44,23 @@ std::string PercentEncode(const std::string& text, const std::string& plain) {
 
 std::string Url::Authority() const {
   const std::string name = host.find(':') == std::string::npos ? host : "[" + host + "]";
-  return port == kDefaultPort ? name : name + ":" + port;
+  return port == DefaultPort(secure) ? name : name + ":" + port;
 }
 
 Url ParseUrl(const std::string& text, const std::string& scheme) {
-  const std::string prefix = scheme + "://";
-  const std::invalid_argument wrong("\"" + text + "\": give " + prefix + "HOST[:PORT][/PATH]");
-  if (strncasecmp(text.c_str(), prefix.c_str(), prefix.size()) != 0) throw wrong;
+  const std::invalid_argument wrong("\"" + text + "\": give " + scheme +
+                                    "[s]://HOST[:PORT][/PATH]");
+  const auto begins = [&](const std::string& prefix) {
+    return strncasecmp(text.c_str(), prefix.c_str(), prefix.size()) == 0;
+  };
+  const bool secure = begins(scheme + "s://");
+  if (!secure && !begins(scheme + "://")) throw wrong;
 
-  const std::string rest = text.substr(prefix.size(), text.find('#') - prefix.size());
+  const std::size_t begin = text.find("://") + 3;
+  const std::string rest = text.substr(begin, text.find('#') - begin);
   const std::size_t slash = rest.find_first_of("/?");
   std::string authority = rest.substr(0, slash);
-  Url url{"", kDefaultPort, slash == std::string::npos ? "" : rest.substr(slash)};
+  Url url{"", DefaultPort(secure), slash == std::string::npos ? "" : rest.substr(slash), secure};
 
   // The colon of a port stands behind the bracket of an IPv6 address.
   const std::size_t bracket = authority.rfind(']');

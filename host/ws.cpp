@@ -156,10 +156,14 @@ void Upgrade(const Session& session, const std::string& client, const Url& url) 
 
 }  // namespace
 
-int WebSocket(const Console& console, const Settings& settings, const Url& url, int waitMillis) {
+int WebSocket(const Console& console, const Settings& settings, const Url& url, const Tls& tls,
+              int waitMillis) {
   const Library library;
   const HostSession session(library, "HOST", settings);
-  const std::string client = session.Client(ObjectOptions("", {"http", url.host, url.port}, {}));
+  Tuning tuning;
+  tuning.tls = tls;
+  const std::string client =
+      session.Client(ClientOptions("", {"http", url.host, url.port}, tuning));
   Upgrade(session, client, url);
 
   Silence silence;

@@ -12,6 +12,7 @@
 #include "include/kyrno.h"
 #include "kyrno/base/error.h"
 #include "kyrno/base/log.h"
+#include "kyrno/boundary/certs.h"
 #include "kyrno/boundary/commands.h"
 #include "kyrno/boundary/create.h"
 #include "kyrno/boundary/listing.h"

@@ -339,7 +339,45 @@
     (cert_url, key_url)) \
   X(int, gnutls_system_key_add_x509, \
     (gnutls_x509_crt_t crt, gnutls_x509_privkey_t privkey, const char* label, char** cert_url, \
-    char** key_url), (crt, privkey, label, cert_url, key_url))
+    char** key_url), (crt, privkey, label, cert_url, key_url)) \
+  /* GnuTLS: transport of one's own, shared priorities, tickets, alerts */ \
+  X(void, gnutls_transport_set_pull_function, (gnutls_session_t session, gnutls_pull_func pull), \
+    (session, pull)) \
+  X(void, gnutls_transport_set_pull_timeout_function, \
+    (gnutls_session_t session, gnutls_pull_timeout_func func), (session, func)) \
+  X(int, gnutls_priority_init, \
+    (gnutls_priority_t* priority_cache, const char* priorities, const char** err_pos), \
+    (priority_cache, priorities, err_pos)) \
+  X(void, gnutls_priority_deinit, (gnutls_priority_t priority_cache), (priority_cache)) \
+  X(int, gnutls_session_ticket_key_generate, (gnutls_datum_t* key), (key)) \
+  X(int, gnutls_session_ticket_enable_server, \
+    (gnutls_session_t session, const gnutls_datum_t* key), (session, key)) \
+  X(unsigned, gnutls_session_get_flags, (gnutls_session_t session), (session)) \
+  X(int, gnutls_alert_send, \
+    (gnutls_session_t session, gnutls_alert_level_t level, gnutls_alert_description_t desc), \
+    (session, level, desc)) \
+  X(int, gnutls_alert_send_appropriate, (gnutls_session_t session, int err), (session, err)) \
+  X(const char*, gnutls_strerror, (int error), (error)) \
+  X(gnutls_protocol_t, gnutls_protocol_get_version, (gnutls_session_t session), (session)) \
+  X(const char*, gnutls_protocol_get_name, (gnutls_protocol_t version), (version)) \
+  X(void, gnutls_memset, (void* data, int c, size_t size), (data, c, size)) \
+  X(unsigned, gnutls_x509_crt_equals, (gnutls_x509_crt_t cert1, gnutls_x509_crt_t cert2), \
+    (cert1, cert2)) \
+  X(unsigned, gnutls_x509_crt_check_issuer, \
+    (gnutls_x509_crt_t cert, gnutls_x509_crt_t issuer), (cert, issuer)) \
+  X(int, gnutls_x509_crt_get_extension_by_oid, \
+    (gnutls_x509_crt_t cert, const char* oid, unsigned indx, void* buf, size_t* buf_size, \
+    unsigned int* critical), (cert, oid, indx, buf, buf_size, critical)) \
+  X(void, gnutls_certificate_set_verify_limits, \
+    (gnutls_certificate_credentials_t res, unsigned int max_bits, unsigned int max_depth), \
+    (res, max_bits, max_depth)) \
+  X(void, gnutls_certificate_get_trust_list, \
+    (gnutls_certificate_credentials_t res, gnutls_x509_trust_list_t* tlist), (res, tlist)) \
+  X(int, gnutls_x509_trust_list_verify_crt2, \
+    (gnutls_x509_trust_list_t list, gnutls_x509_crt_t* cert_list, unsigned int cert_list_size, \
+    gnutls_typed_vdata_st* data, unsigned int elements, unsigned int flags, \
+    unsigned int* voutput, gnutls_verify_output_function func), \
+    (list, cert_list, cert_list_size, data, elements, flags, voutput, func))
 
 #define DYNAMIC_VARIABLE(X) \
   X(void*, gnutls_malloc, (size_t size), (size)) \

@@ -8,7 +8,6 @@
 #include "kyrno/base/error.h"
 #include "kyrno/base/log.h"
 #include "kyrno/boundary/arrays.h"
-#include "kyrno/boundary/options.h"
 #include "kyrno/modes/cmdconnection.h"
 #include "kyrno/modes/relay.h"
 #include "kyrno/modes/udp.h"
@@ -20,10 +19,6 @@ namespace {
 constexpr UI4 kPathSize = 97;  // of ASendZ, with its terminator
 constexpr UI4 kNameRoom = 64;  // what an object may append to a path
 constexpr UI4 kMinZ = 8;
-
-const PCH10 CertOptionNames[] = {"Type",    "Source",    "Issuer",  "Subject",
-                                 "Details", "DecodeApi", "Password"};
-constexpr SI4 CEMAX = 7;
 
 /// A block that says of itself what it is and how long.
 SI4 CheckZ(PUI4 z, UI4* size) {
@@ -155,9 +150,4 @@ PAA ASetRelay(ROOTSHARE& share, PAA arg) {
   if (!code)
     code = SetRelay(share.Root(), from.get(), to.get(), static_cast<UI4>(size), oneWay != 0);
   return CodeResult(code);
-}
-
-PAA ACerts(ROOTSHARE&, PAA arg) {
-  const SI4 code = CheckArgList(arg, CEMAX, CertOptionNames);
-  return CodeResult(code ? code : ERR_NO_SSL_SUPPORT);
 }

@@ -9,9 +9,11 @@
 #include <new>
 
 #include "Apl/vaget.h"
+#include "Apl/vaset.h"
 #include "kyrno/base/error.h"
 #include "kyrno/base/log.h"
 #include "kyrno/boundary/arrays.h"
+#include "kyrno/boundary/certoptions.h"
 #include "kyrno/boundary/options.h"
 #include "kyrno/modes/blkconnection.h"
 #include "kyrno/modes/cmdconnection.h"
@@ -65,6 +67,7 @@ struct WANTED {
   PROTOCOL prot = PAny;
   std::unique_ptr<RANGES> allow, deny;
   std::unique_ptr<LIST, DELETELIST> stop;
+  REF<CERTDATA> cert;  // null for a plain object
   bool ignoreCase = true;
   SI4 stopError = 0;  // told when the object is there, which it doesn't undo
 };
@@ -94,26 +97,6 @@ SI4 ReadNumber(PAA arg, SI4 option, UI4* value) {
   const SI4 code = GetSI4(arg, option, COMAX, KyrnoOptionNames, static_cast<SI4>(*value), &n);
   *value = static_cast<UI4>(n);
   return code;
-}
-
-/// The word "No", alone or in front of a file, in place of a certificate.
-bool IsNo(PAA value) {
-  CH1 word[8] = {0};
-  return VAGetCH1(value, 0, word, sizeof word, VACHAR) == 0 && strcasecmp(word, "No") == 0;
-}
-
-/// Whoever asks for a secure connection doesn't get a plain one.
-SI4 RefuseCert(PAA arg) {
-  for (const SI4 option :
-       {COPubCertData, COPrivKeyFile, COPrivKeyPass, COPubCertFile, COPubCertPass, COPrivKeyData}) {
-    VAHOLD value;
-    const SI4 code = GetOptionpAA(arg, option, COMAX, KyrnoOptionNames, value.Out());
-    if (code == ERR_ARG_MISSING) continue;
-    if (code) return code;
-    const bool isCert = option == COPubCertData || option == COPubCertFile;
-    if (!isCert || !IsNo(value.Get())) return ERR_NO_SSL_SUPPORT;
-  }
-  return 0;
 }
 
 void ReadStop(PAA arg, WANTED* w) {
@@ -151,10 +134,19 @@ SI4 ReadFilter(PAA arg, SI4 option, std::unique_ptr<RANGES>* filter) {
   return code;
 }
 
-SI4 ReadServer(PAA arg, WANTED* w) {
+/// Files are read and keys asked for outside the gate: that may block.
+SI4 ReadCert(ROOTSHARE& share, PAA arg, bool server, WANTED* w) {
+  share.Leave();
+  const SI4 code = GetCert(arg, server, &w->cert);
+  if (!share.Enter()) return ERR_ROOT_NOT_FOUND;
+  // Whoever asks for a secure object doesn't get a plain one, and datagrams have no secure form.
+  return !code && w->cert && w->mode == MUdp ? ERR_NO_SSL_SUPPORT : code;
+}
+
+SI4 ReadServer(ROOTSHARE& share, PAA arg, WANTED* w) {
   SI4 code = ReadFirst(arg, w);
   if (!code) code = ReadNumber(arg, COMagic, &w->magic);
-  if (!code) code = RefuseCert(arg);
+  if (!code) code = ReadCert(share, arg, true, w);
   if (!code) code = ReadFilter(arg, COAllowEndpoint, &w->allow);
   if (!code) code = ReadFilter(arg, CODenyEndpoint, &w->deny);
   if (!code) code = ReadEnum(arg, COProtocol, PMAX, protocolname, &w->prot);
@@ -162,9 +154,9 @@ SI4 ReadServer(PAA arg, WANTED* w) {
   return code;
 }
 
-SI4 ReadClient(PAA arg, WANTED* w) {
+SI4 ReadClient(ROOTSHARE& share, PAA arg, WANTED* w) {
   SI4 code = ReadFirst(arg, w);
-  if (!code) code = RefuseCert(arg);
+  if (!code) code = ReadCert(share, arg, false, w);
   if (!code) code = ReadEnum(arg, COProtocol, PMAX, protocolname, &w->prot);
   if (!code) code = ReadNumber(arg, COMagic, &w->magic);
   if (!code) ReadStop(arg, w);
@@ -287,6 +279,8 @@ SI4 Server(ROOTSHARE& share, WANTED* w) {
   if (code) return code;
   server->SetFilters(w->allow.release(), w->deny.release());
   server->CompLevel = UI4{root->CompLevel};
+  if (w->cert) w->cert->pRootCerts = root->TrustedCerts();
+  server->SetCert(w->cert);
 
   share.Leave();
   code = server->Listen(w->port.get(), w->address.get(), prot);
@@ -309,16 +303,32 @@ SI4 Client(ROOTSHARE& share, WANTED* w) {
   code = NewClient(w, &client);
   if (code) return code;
   client->CompLevel = UI4{root->CompLevel};
+  if (w->cert) {
+    w->cert->pRootCerts = root->TrustedCerts();
+    w->cert->pClientSessions = root->ClientSessions();
+  }
 
   share.Leave();
-  code = client->Connect(w->address.get(), w->port.get(), prot);
+  code = client->Connect(w->address.get(), w->port.get(), prot, w->cert);
   if (!share.Enter()) return ERR_ROOT_NOT_FOUND;
   return code ? code : Link(share, w->name, std::move(client));
 }
 
+/// (code, what GnuTLS says of the peer's certificate).
+PAA RefusedPeer(SI4 code, UI4 status) {
+  const UI4 two = 2;
+  VAHOLD result(VANew(VAPntr, 1, &two));
+  if (!result || VASetSI4(result.Get(), 0, code) ||
+      VASetSI4(result.Get(), 1, static_cast<SI4>(status)))
+    return CodeResult(ERR_MEMORY_ALLOC);
+  return result.Release();
+}
+
 PAA Created(SI4 code, const WANTED& w) {
   if (!code) code = w.stopError;
-  return code ? CodeResult(code) : ValueResult(TextValue(w.name));
+  if (!code) return ValueResult(TextValue(w.name));
+  const bool isClients = w.cert && w.cert->firstStatus;
+  return isClients ? RefusedPeer(code, w.cert->firstStatus) : CodeResult(code);
 }
 
 /// One entry of a filter: a family and its addresses.
@@ -356,14 +366,14 @@ SI4 GetRanges(PAA arg, SI4 option, SI4 n, const PCH10* names, RANGES** out) {
 
 PAA ASrv(ROOTSHARE& share, PAA arg) {
   WANTED w;
-  SI4 code = ReadServer(arg, &w);
+  SI4 code = ReadServer(share, arg, &w);
   if (!code) code = Server(share, &w);
   return Created(code, w);
 }
 
 PAA AClt(ROOTSHARE& share, PAA arg) {
   WANTED w;
-  SI4 code = ReadClient(arg, &w);
+  SI4 code = ReadClient(share, arg, &w);
   if (!code) code = Client(share, &w);
   return Created(code, w);
 }

@@ -6,6 +6,7 @@
 #include "Apl/vaget.h"
 #include "kyrno/base/error.h"
 #include "kyrno/boundary/arrays.h"
+#include "kyrno/boundary/certs.h"
 #include "kyrno/net/address.h"
 
 namespace {
@@ -30,6 +31,10 @@ SI4 GetProp(ROOTSHARE& share, PCH10 path, PCH10 name, PAA arg, PPAA value) {
   if (state == SFinished || state == SMarkedForDeletion) return ERR_OBJECT_NOT_FOUND;
   if (object->Type == TRoot && strcasecmp(name, "TCPLookup") == 0)
     return TCPLookup(share, arg, value);
+  if (object->Type == TRoot && strcasecmp(name, "DecodeCert") == 0) {
+    share.Leave();
+    return DecodeCert(arg, value);
+  }
   return object->GetRPCProp(name, arg, value);
 }
 

@@ -10,6 +10,7 @@
 #include "kyrno/base/kyrnossl.h"
 #include "kyrno/base/log.h"
 #include "kyrno/boundary/ready.h"
+#include "kyrno/tls/sslcontrol.h"
 
 static constexpr UI4 MODULE = 0x00000010;
 
@@ -145,6 +146,7 @@ void ROOTSHARE::Park() {
 
 SI4 RPCLoad() {
   LoadKyrnossl();
+  SslLoad();
   InitTimer();
   return 0;
 }
@@ -154,6 +156,7 @@ void RPCUnloadLibrary() {
     MUTEXHOLD hold(Guard);
     if (pRoots) return;
   }
+  SslUnload();
   UnloadKyrnossl();
 }
 

@@ -16,7 +16,7 @@
 #include "kyrno/base/log.h"
 #include "kyrno/modes/message.h"
 #include "kyrno/modes/relay.h"
-#include "kyrno/net/address.h"
+#include "kyrno/tls/newsock.h"
 #include "kyrno/tree/root.h"
 #include "util/itoa.h"
 
@@ -58,9 +58,9 @@ CONNECTION::~CONNECTION() {
   if (ownsCon) delete pCon;
 }
 
-SI4 CONNECTION::Connect(PCH10 address, PCH10 port, PROTOCOL prot) {
+SI4 CONNECTION::Connect(PCH10 address, PCH10 port, PROTOCOL prot, const REF<CERTDATA>& cert) {
   SI4 code = 0;
-  pCon = NewSock(address, port, false, prot, &code);
+  pCon = NewSock(address, port, false, cert, prot, &code);
   if (!pCon) return code ? code : ERR_NEW_DATA_SOCKET;
   if (pCon->lError == 0) SetState(SConnected);
   return pCon->lError;
@@ -220,6 +220,7 @@ SI4 CONNECTION::Execute(PFDSETS sets) {
     Handshake(item);
     return 0;
   }
+  const SI4 unsent = pCon->Flush();
   if (state == SSocketClosed && ActiveClose > 0) {
     if (pCon->Ready4R(&sets->ss)) Drain(item);
     return 0;
@@ -231,7 +232,7 @@ SI4 CONNECTION::Execute(PFDSETS sets) {
   }
 
   if (pCon->Ready4W(&sets->ss)) blocked = false;
-  SI4 code = FeedTaken(sets, item);
+  SI4 code = unsent ? unsent : FeedTaken(sets, item);
   if (code == 0) code = Resume(sets, item);
   if (code == 0 && item->Obj() == this) code = RelayAhead();
   if (code == 0 && item->Obj() == this && pCon->Ready4R(&sets->ss)) code = ReadSome(sets, item);
@@ -301,8 +302,10 @@ void CONNECTION::CheckClosing(PFDSETS sets, PHIERAKI item) {
   (void)pCon->Wait4R(&sets->ss);
 }
 
-bool CONNECTION::Reads() const {
-  if (Skip > 0 || phRead) return true;
+bool CONNECTION::Reads() const { return Skip > 0 || phRead || TakesMore(); }
+
+/// Beyond what belongs to somebody already.
+bool CONNECTION::TakesMore() const {
   if (!phRelay) return cntWaiting < kMostWaiting && WantsBytes();
   return !static_cast<RELAY*>(phRelay->Obj())->IsHeld();
 }
@@ -421,13 +424,13 @@ bool CONNECTION::IsSettled(PHIERAKI) {
     case SConnected: {
       if (HasEnded()) return cntUntold > 0;
       const UI4 wants = (Reads() ? UI4{EPOLLIN} : 0u) | (pOut ? UI4{EPOLLOUT} : 0u);
-      return pCon->Watched() == wants;
+      return pCon->Watched() == (wants | pCon->OwnWants());
     }
     case SSocketClosed:
-      return ActiveClose > 0 ? pCon->Watched() == EPOLLIN : pCon->Watched() == 0;
+      return pCon->Watched() == (ActiveClose > 0 ? EPOLLIN | pCon->OwnWants() : 0);
     case SSSL:
       return true;
     default:
-      return pCon->Watched() == 0;
+      return pCon->Watched() == pCon->OwnWants();
   }
 }

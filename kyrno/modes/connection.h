@@ -40,6 +40,7 @@
 #pragma once
 
 #include "kyrno/net/lentbuffer.h"
+#include "kyrno/tls/certdata.h"
 #include "kyrno/tree/rpcobjs.h"
 
 /// Units that may wait on a connection before relays that send there are held back.
@@ -61,8 +62,8 @@ class CONNECTION : public RPCOBJS {
   ~CONNECTION() override;
 
   /// Connects in the calling thread, which may block: outside the gate. Nobody else knows the
-  /// object yet.
-  [[nodiscard]] SI4 Connect(PCH10 address, PCH10 port, PROTOCOL prot);
+  /// object yet. A null cert makes a plain connection.
+  [[nodiscard]] SI4 Connect(PCH10 address, PCH10 port, PROTOCOL prot, const REF<CERTDATA>& cert);
 
   [[nodiscard]] SI4 Close(PHIERAKI item) override;
   [[nodiscard]] SI4 SendBuffer(PHIERAKI item, PCH1 name, PBUFFER buffer, UI4 flag) override;
@@ -177,6 +178,7 @@ class CONNECTION : public RPCOBJS {
  private:
   bool ReportInstead(PHIERAKI item, SI4 code);
   bool Reads() const WORK_ONLY;
+  bool TakesMore() const WORK_ONLY;
   void CheckClosing(PFDSETS sets, PHIERAKI item) WORK_ONLY;
   void Unwatched(PHIERAKI item, SI4 code) WORK_ONLY;
   void TryEnd(PHIERAKI item) WORK_ONLY;

@@ -70,18 +70,21 @@ SI4 CONNECTION::ReadHeader(PFDSETS sets, PHIERAKI item, bool* filled) {
 }
 
 /// Reads what a child still lacks to its place, when that is much, and whatever follows, or little
-/// things, to the room that all connections share.
+/// things, to the room that all connections share. Of a peer that has to wait, nothing that
+/// follows.
 SI4 CONNECTION::ReadAhead(PFDSETS sets, PHIERAKI item, bool* filled) {
   iovec pieces[2];
   int n = 0;
   UI4 own = 0;
-  if (Skip == 0 && phRead && pRead->Remaining() >= kOwnBytes) {
+  UI4 most = ROOT::kReadAhead;
+  if (!TakesMore() && Skip < most) most = Skip;
+  if (Skip == 0 && phRead && (pRead->Remaining() >= kOwnBytes || most == 0)) {
     PCH1 at;
     if (const SI4 code = pRead->Room(&at, &own)) return code;
     pieces[n++] = {at, own};
   }
   PCH1 const ahead = RootOf(item)->ReadAhead();
-  if (n == 0 || own == pRead->Remaining()) pieces[n++] = {ahead, ROOT::kReadAhead};
+  if (most > 0 && (n == 0 || own == pRead->Remaining())) pieces[n++] = {ahead, most};
 
   size_t got = 0;
   if (const SI4 code = pCon->ReadV(pieces, n, &got)) return code;

@@ -15,7 +15,7 @@
 #include "kyrno/modes/blkconnection.h"
 #include "kyrno/modes/cmdconnection.h"
 #include "kyrno/modes/rawconnection.h"
-#include "kyrno/net/address.h"
+#include "kyrno/tls/newsock.h"
 #include "kyrno/tree/root.h"
 #include "util/itoa.h"
 
@@ -73,7 +73,7 @@ SI4 SERVER::Listen(PCH10 port, PCH10 address, PROTOCOL prot) {
 
 SI4 SERVER::OpenSocket() {
   SI4 code = 0;
-  PRPCSOCK const socket = NewSock(Address, Port, true, Prot, &code);
+  PRPCSOCK const socket = NewSock(Address, Port, true, pCert, Prot, &code);
   if (!socket) return code ? code : ERR_NEW_DATA_SOCKET;
   if (socket->lError) {
     code = socket->lError;

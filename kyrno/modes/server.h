@@ -15,6 +15,7 @@
 #include "kyrno/base/mutex.h"
 #include "kyrno/modes/stoprule.h"
 #include "kyrno/net/ranges.h"
+#include "kyrno/tls/certdata.h"
 #include "kyrno/tree/rpcobjs.h"
 
 /// Entry of a server's ready ring.
@@ -30,6 +31,8 @@ class SERVER : public RPCOBJS {
 
   /// Listens, in the calling thread, outside the gate. Nobody else knows the object yet.
   [[nodiscard]] SI4 Listen(PCH10 port, PCH10 address, PROTOCOL prot);
+  /// Makes the server a secure one; null for a plain one. Before Listen.
+  void SetCert(const REF<CERTDATA>& cert) { pCert = cert; }
   /// Takes the filters over; null for none. Before the object is linked.
   void SetFilters(RANGES* allow, RANGES* deny);
 
@@ -71,6 +74,7 @@ class SERVER : public RPCOBJS {
   PROTOCOL Prot = PAny;                   // constant after Listen
   PCH1 Port = nullptr;                    // owned; constant after Listen
   PCH1 Address = nullptr;                 // owned; may be null; constant after Listen
+  REF<CERTDATA> pCert;                    // null for a plain one; constant after SetCert
   std::unique_ptr<RANGES> pAllow, pDeny;  // constant once the object is linked
 
   MUTEX SocketLock;  // guards the pointer: an interpreter thread may look at the socket

@@ -234,6 +234,7 @@ SI4 WEBSOCKET::Execute(PFDSETS sets) {
   PHIERAKI const item = sets->pItem;
   iovec piece = {RootOf(item)->ReadAhead(), ROOT::kReadAhead};
   size_t dropped = 0;
+  (void)pCon->Flush();
   const bool over = pCon->Ready4R(&sets->ss) && pCon->ReadV(&piece, 1, &dropped) != 0;
   if (over || Micros() >= lingerDue) EndLinger(item);
   return 0;
@@ -281,5 +282,6 @@ SI4 WEBSOCKET::Check(PFDSETS sets) {
 }
 
 bool WEBSOCKET::IsSettled(PHIERAKI item) {
-  return Lingers() ? pCon->Watched() == EPOLLIN : CONNECTION::IsSettled(item);
+  if (!Lingers()) return CONNECTION::IsSettled(item);
+  return pCon->Watched() == (EPOLLIN | pCon->OwnWants());
 }

@@ -311,12 +311,6 @@ SI4 SockInfoName(SOCKET sock, bool local, PPAA out) {
   return failed ? ERR_CALL_FAILED : SockAddr2pAA(&addr, out);
 }
 
-PRPCSOCK NewSock(PCH10 name, PCH10 service, bool server, PROTOCOL prot, PSI4 error) {
-  const PRPCSOCK made = new (std::nothrow) RPCSOCK(name, service, server, prot, SOCK_STREAM);
-  *error = made ? made->lError : ERR_MEMORY_ALLOC;
-  return made;
-}
-
 SI4 RPCSockPair(PRPCSOCK* work, PRPCSOCK* client) {
   LOG(1, ("RPCSockPair "));
   *work = *client = nullptr;

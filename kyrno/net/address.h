@@ -34,10 +34,6 @@ inline std::atomic<bool> IPV6Available{true};
 /// The same for an end of a socket.
 [[nodiscard]] SI4 SockInfoName(SOCKET sock, bool local, PPAA out);
 
-/// The factory for stream sockets. The caller owns the result and tests *error, which is the
-/// socket's lError; null when there is no memory.
-PRPCSOCK NewSock(PCH10 name, PCH10 service, bool server, PROTOCOL prot, PSI4 error);
-
 /// Two connected ends by which any thread wakes the work thread: what is written to *client makes
 /// *work readable. The caller owns both. They have no port that others could connect to.
 [[nodiscard]] SI4 RPCSockPair(PRPCSOCK* work, PRPCSOCK* client);

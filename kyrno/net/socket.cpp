@@ -274,15 +274,11 @@ SOCKERR RPCSOCK::Read(PBUFFER b) {
   PCH1 at;
   UI4 room;
   if (const SI4 error = b->Room(&at, &room)) return error;
-  // To ask for no bytes and get none is no close.
-  if (room == 0) return 0;
-
-  const SOCKET s = sock.load(std::memory_order_relaxed);
-  const ssize_t count = recv(s, at, room, 0);
-  const int error = errno;
-  LOG(4, ("RecvPartial %4d %5d %8p %25.0f", s, static_cast<int>(count), static_cast<void*>(at),
-          Micros()));
-  return Received(count, error, b, "recv");
+  const iovec piece = {at, room};
+  size_t got = 0;
+  const SOCKERR code = ReadV(&piece, 1, &got);
+  if (got > 0) b->NextProcessed(static_cast<UI4>(got));
+  return code;
 }
 
 SOCKERR RPCSOCK::ReadV(const iovec* pieces, int count, size_t* got) {
@@ -329,13 +325,11 @@ SI4 RPCSOCK::RecvFrom(PBUFFER b, PQLNSOCKADDR addr) {
 
 SOCKERR RPCSOCK::Write(PBUFFER b) {
   if (b->lError) return b->lError;
-  const SOCKET s = sock.load(std::memory_order_relaxed);
-  const PCH1 at = b->Next();
-  const ssize_t count = send(s, at, b->NextSize(), MSG_NOSIGNAL);
-  const int error = errno;
-  LOG(4, ("SendPartial %4d %5d %8p %25.0f", s, static_cast<int>(count), static_cast<void*>(at),
-          Micros()));
-  return Sent(count, error, b, "send");
+  const iovec piece = {b->Next(), b->NextSize()};
+  size_t sent = 0;
+  if (const SOCKERR code = WriteV(&piece, 1, &sent)) return code;
+  b->NextProcessed(static_cast<UI4>(sent));
+  return b->lError;
 }
 
 SI4 RPCSOCK::SendTo(PBUFFER b, const QLNSOCKADDR* addr, bool* sent) {
@@ -398,6 +392,7 @@ SOCKERR RPCSOCK::Wait4W(PSOCKETSETS) {
 
 SOCKERR RPCSOCK::Settle(PSOCKETSETS sets) {
   ready = 0;
+  if (isValid()) wanted |= OwnWants();
   if (wanted == watched || !sets->IsOwnProcess()) return 0;
   assert(!pWatching || pWatching == sets);
   pWatching = sets;

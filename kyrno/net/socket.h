@@ -152,7 +152,7 @@ class RPCSOCK {
 
   /// One receive into what the buffer has room for. 0 without progress means: wait again.
   /// ERR_CLOSED is the peer's orderly close.
-  [[nodiscard]] virtual SOCKERR Read(PBUFFER b);
+  [[nodiscard]] SOCKERR Read(PBUFFER b);
   /// One receive into several pieces, filled one after the other; otherwise as Read. *got is what
   /// came: 0 when there was nothing yet, and less than asked for when there is no more just now.
   [[nodiscard]] virtual SOCKERR ReadV(const iovec* pieces, int count, size_t* got);
@@ -164,7 +164,7 @@ class RPCSOCK {
   [[nodiscard]] virtual SI4 RecvFrom(PBUFFER b, PQLNSOCKADDR addr);
   /// One send of the buffer's next piece; a short one is no error. A buffer that fails to refill
   /// gives its own code.
-  [[nodiscard]] virtual SOCKERR Write(PBUFFER b);
+  [[nodiscard]] SOCKERR Write(PBUFFER b);
   /// One datagram, the buffer's next piece. *sent stays false when the socket takes nothing now,
   /// and after a failure: ERR_LENGTH when it is too long for a datagram or a piece, ERR_SEND when
   /// it can't go to this address. A buffer that fails to refill gives its own code.
@@ -173,7 +173,15 @@ class RPCSOCK {
   [[nodiscard]] virtual SOCKERR Accept(PRPCSOCK* out, bool* mustRest);
   /// Ends sending, not receiving. errno of the call, or 0.
   virtual SOCKERR Shutdown();
-  [[nodiscard]] virtual SOCKERR Handshake(bool server);
+  /// Goes on with what has to come before any data. 0: it is through, at once for a plain socket;
+  /// ERR_HANDSHAKE_NOT_COMPLETED: again when the socket is ready; any other code: it has failed.
+  [[nodiscard]] virtual SOCKERR Handshake(bool verify);
+  /// Sends what the socket has taken and holds back itself, as far as the kernel takes it; a plain
+  /// one holds nothing. ERR_SEND.
+  [[nodiscard]] virtual SOCKERR Flush() { return 0; }
+  /// What the socket itself has to be watched for, beside what its owner wants: EPOLLOUT while it
+  /// holds something back.
+  virtual UI4 OwnWants() const { return 0; }
 
   /// Says whose socket this is: Brought answers that. Before the first Settle, and again when
   /// another takes it over.
@@ -187,6 +195,7 @@ class RPCSOCK {
   /// none in a forked process. A socket that wants nothing is out of the set, so that a peer's end
   /// does not wake the root again and again. Forgets what the last wait has brought.
   /// ERR_NEW_DATA_SOCKET when the kernel cannot watch it: what it watched for before stays.
+  /// What the socket itself wants comes on top.
   [[nodiscard]] SOCKERR Settle(PSOCKETSETS sets);
   /// What the last wait has brought for this socket, of what it is watched for. Data in user space
   /// counts as readable, an error and the end of both directions as ready for everything.
@@ -195,11 +204,13 @@ class RPCSOCK {
   /// What the kernel watches for: EPOLLIN, EPOLLOUT.
   UI4 Watched() const { return watched; }
 
-  /// The certificate of one side, which the caller owns; an empty vector here.
+  /// The certificates of one side, of which the caller gets a count; an empty vector here.
   virtual PAA paaCert(bool local);
+  /// The peer's name as text; empty here. ERR_LENGTH without room.
   virtual SI4 Subject(PCH1 buf, UI4 size);
-  /// 1 when data waits in user space.
+  /// 1 when data may wait in user space.
   virtual SI4 PendingRead() { return 0; }
+  /// A listener that is about to go leaves what it would take time to load for the next one.
   virtual SI4 SaveCred() { return 0; }
   /// Is the peer's certificate in the collection? Without a collection everybody is.
   virtual bool IsIn(PCertCollection certs) { return certs == nullptr; }

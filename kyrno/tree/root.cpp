@@ -11,6 +11,8 @@
 #include "kyrno/base/error.h"
 #include "kyrno/base/log.h"
 #include "kyrno/net/address.h"
+#include "kyrno/tls/rootcerts.h"
+#include "kyrno/tls/sessioncache.h"
 #include "kyrno/tree/work.h"
 
 static constexpr UI4 MODULE = 0x00000080;
@@ -27,7 +29,9 @@ constexpr UI4 kCollectFrom = 64;  // nodes that are freed together
 
 }  // namespace
 
-ROOT::ROOT() : RPCOBJS(TRoot), pGate(GATE::Make()) { Queue.pRoot = this; }
+ROOT::ROOT() : RPCOBJS(TRoot), pGate(GATE::Make()), pRootCerts(new (std::nothrow) RootCerts) {
+  Queue.pRoot = this;
+}
 
 ROOT::~ROOT() {
   AssumeWorkThread();  // it has ended, or never began
@@ -41,7 +45,7 @@ ROOT::~ROOT() {
 
 SI4 ROOT::RootInit(PHIERAKI item) {
   AssumeWorkThread();  // it begins at the end of this
-  if (!pGate) return ERR_MEMORY_ALLOC;
+  if (!pGate || !pRootCerts) return ERR_MEMORY_ALLOC;
   pid = getpid();
   if (const SI4 code = OpenReadAhead()) return code;
   if (const SI4 code = Sets.ss.Open()) return code;
@@ -63,6 +67,8 @@ SI4 ROOT::OpenReadAhead() {
 
 void ROOT::ForkedChild() {
   new (&Queue.Lock) MUTEX;
+  new (&CertLock) MUTEX;
+  pRootCerts->ForkedChild();
   Waiters.ForkedChild();
 }
 

@@ -17,6 +17,11 @@
 #include "kyrno/tree/readyqueue.h"
 #include "kyrno/tree/rpcobjs.h"
 #include "kyrno/tree/workrole.h"
+#include "util/freed.h"
+#include "util/ref.h"
+
+class RootCerts;
+class SessionCache2;
 
 /// A strategy: searches from a node, takes what it finds, and leaves it in *found as well.
 using PFNREADY = PHIERAKI (*)(PHIERAKI node, PHIERAKI* found);
@@ -144,7 +149,16 @@ class ROOT : public RPCOBJS {
   PFNREADY pfnsReady[kStrategies] = {};  // constant once the root is in the ring
   UI4 NextNumber() { return NameCnt.fetch_add(1, std::memory_order_relaxed); }
 
+  // --- of secure sockets, which may outlive the root
+  /// Whom they trust.
+  const REF<RootCerts>& TrustedCerts() const { return pRootCerts; }
+  /// What its clients need to resume sessions; made on first use. None without memory.
+  REF<SessionCache2> ClientSessions();
+
  private:
+  [[nodiscard]] SI4 SetRootCertDir(PAA value);
+  [[nodiscard]] SI4 GetRootCertDir(PPAA out);
+  void RenewClientSessions(SI4 size);
   SI4 WritePair(SI4 message);
   SI4 LeaveInBurst(PHIERAKI node, F8 now);
   SI4 Wake();
@@ -186,5 +200,10 @@ class ROOT : public RPCOBJS {
   PRPCSOCK pWork = nullptr;         // owned; the work thread's end
   PQLNTHREAD pQlnThread = nullptr;  // owned
   pid_t pid = 0;                    // constant after RootInit
+
+  const REF<RootCerts> pRootCerts;
+  MUTEX CertLock;
+  REF<SessionCache2> pClientSessionDB GUARDED_BY(CertLock);  // none before the first client
+  TEXT pCertRootDir GUARDED_BY(CertLock);                    // null for none
 };
 using PROOT = ROOT*;

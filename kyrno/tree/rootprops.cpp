@@ -6,12 +6,17 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "Apl/vaget.h"
 #include "Apl/vaset.h"
 #include "kyrno/base/error.h"
+#include "kyrno/base/kyrnossl.h"
 #include "kyrno/base/log.h"
 #include "kyrno/net/address.h"
+#include "kyrno/tls/rootcerts.h"
+#include "kyrno/tls/sessioncache.h"
+#include "kyrno/tls/sslcontrol.h"
 #include "kyrno/tree/root.h"
 #include "sys/linux/qlnplat.h"
 #include "util/httpdate.h"
@@ -23,15 +28,6 @@ constexpr size_t kErrorName = 60;
 constexpr size_t kErrorText = 512;
 
 bool Is(PCH10 name, PCH10 word) { return strcasecmp(name, word) == 0; }
-
-/// Certificates and TLS have no part in this build.
-bool IsForeign(PCH10 name) {
-  static const PCH10 words[] = {"Security", "RootCertDir", "DecodeCert", "InvalidateCache",
-                                "TraceGnuTLS"};
-  for (PCH10 word : words)
-    if (Is(name, word)) return true;
-  return false;
-}
 
 /// (code, name, text) of the code in element 2 of the arguments.
 SI4 ErrorTextOf(PAA args, PPAA out) {
@@ -75,7 +71,7 @@ SI4 SetProtocol(PAA value, RPCOBJS::WORD<PROTOCOL>* to) {
 }  // namespace
 
 SI4 ROOT::SetRPCProp(PHIERAKI, PCH10 name, PAA value) {
-  if (IsForeign(name)) return ERR_NONCE;
+  if (Is(name, "RootCertDir")) return SetRootCertDir(value);
   if (Is(name, "Protocol")) return SetProtocol(value, &DefProt);
   // Deliberate: reads into a null target, which ends the process, so that an interpreter's handling
   // of a crash can be tried.
@@ -95,6 +91,10 @@ SI4 ROOT::SetRPCProp(PHIERAKI, PCH10 name, PAA value) {
     if (!code) UseFnsReady = n >= 0 && n < kStrategies ? n : 0;
   } else if (Is(name, "EventMode")) {
     if (!code) EventMode = n > 0 ? 1 : 0;
+  } else if (Is(name, "InvalidateCache")) {
+    if (!code && n > 0) RenewClientSessions(n);
+  } else if (Is(name, "TraceGnuTLS")) {
+    if (!code) SslTrace(n);
   } else {
     return ERR_OPTION;
   }
@@ -106,7 +106,8 @@ SI4 ROOT::GetRPCProp(PCH10 name, PAA args, PPAA out) {
                                 "PropList",  "Protocol",   "ReadyStrategy", "RootCertDir",
                                 "TCPLookup", "EventMode"};
   *out = nullptr;
-  if (IsForeign(name)) return ERR_NONCE;
+  if (Is(name, "Security")) return ERR_NONCE;
+  if (Is(name, "RootCertDir")) return GetRootCertDir(out);
   if (Is(name, "ErrorText")) return ErrorTextOf(args, out);
   if (Is(name, "HttpDate")) return DateNow(out);
   if (Is(name, "ReadyStrategy")) return PropSI4(UseFnsReady, out);
@@ -116,4 +117,35 @@ SI4 ROOT::GetRPCProp(PCH10 name, PAA args, PPAA out) {
   if (Is(name, "IPV4Addrs")) return IPv4Addrs(out);
   if (Is(name, "PropList")) return PropWords(words, sizeof words / sizeof *words, out);
   return ERR_OPTION;
+}
+
+// ---- of secure sockets
+
+SI4 ROOT::SetRootCertDir(PAA value) {
+  TEXT given;
+  const SI4 code = ReadText(value, 0, &given);
+  // The folder is read before its name is known to others, because that takes its time.
+  const SI4 loaded = !code && KyrnosslLoaded() ? CacheNewRootDir(pRootCerts.Get(), given.get()) : 0;
+  MUTEXHOLD hold(CertLock);
+  pCertRootDir.swap(given);
+  return code ? code : loaded;
+}
+
+SI4 ROOT::GetRootCertDir(PPAA out) {
+  MUTEXHOLD hold(CertLock);
+  return pCertRootDir ? PropText(pCertRootDir.get(), out) : ERR_OPTION;
+}
+
+REF<SessionCache2> ROOT::ClientSessions() {
+  MUTEXHOLD hold(CertLock);
+  if (!pClientSessionDB)
+    pClientSessionDB = REF<SessionCache2>(new (std::nothrow) SessionCache2(kClientSessions));
+  return pClientSessionDB;
+}
+
+/// Connections that are there keep what they have; the next one finds nothing to resume.
+void ROOT::RenewClientSessions(SI4 size) {
+  REF<SessionCache2> fresh(new (std::nothrow) SessionCache2(size));
+  MUTEXHOLD hold(CertLock);
+  if (pClientSessionDB) std::swap(pClientSessionDB, fresh);
 }

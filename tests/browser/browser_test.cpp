@@ -2,22 +2,27 @@
 #include <filesystem>
 
 #include "tests/support/echoserver.h"
-#include "tests/support/program.h"
 
 namespace support {
 namespace {
 
-TEST(Browser, LoadsAPageAndTalksOverWebSockets) {
-  Program site(Host({"serve", "http", KYRNO_SOURCES "/tests/browser/site", "127.0.0.1:0"}));
-  const EchoServer strict(kStrictUpgrade);
-  const std::string page = "http://127.0.0.1:" + std::to_string(site.Port()) +
-                           "/?strict=" + std::to_string(strict.Port());
+class Browser : public testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(, Browser, testing::Bool(), PlainAndSecure::Name);
+
+TEST_P(Browser, LoadsAPageAndTalksOverWebSockets) {
+  const Tls tls(GetParam(), false);  // the browser has no certificate
+  Program site(tls.Host({"serve", "http", KYRNO_SOURCES "/tests/browser/site", "127.0.0.1:0"}));
+  const EchoServer strict(tls, kStrictUpgrade);
+  const std::string page =
+      tls.Url("http", site.Port(), "/?strict=" + std::to_string(strict.Port()));
   const std::string pictures = KYRNO_SOURCES "/build/browser";
+  const std::string picture = pictures + (tls.IsOn() ? "/secure.png" : "/page.png");
   std::filesystem::create_directories(pictures);
   const TempFolder files;
 
-  const auto [code, output] = RunToEnd(
-      {"node", KYRNO_SOURCES "/tests/browser/drive.js", page, pictures + "/page.png", files.path});
+  Words drive{"node", KYRNO_SOURCES "/tests/browser/drive.js", page, picture, files.path};
+  if (tls.IsOn()) drive.push_back(tls.Certificates().Cert("peer"));
+  const auto [code, output] = RunToEnd(drive);
   EXPECT_EQ(code, 0);
   EXPECT_EQ(output,
             "page: styled, scripted\n"
@@ -27,7 +32,7 @@ TEST(Browser, LoadsAPageAndTalksOverWebSockets) {
             "strict: closed 4001 , clean\n"
             "strict: text, closed 1000 Kyrno Over and Out, clean\n");
   EXPECT_GT(strict.Fragments(), 0);  // the browser has cut its large messages
-  EXPECT_GT(std::filesystem::file_size(pictures + "/page.png"), 10'000U);
+  EXPECT_GT(std::filesystem::file_size(picture), 10'000U);
 }
 
 }  // namespace

@@ -1,9 +1,10 @@
-// docs_test.cpp - docs/modes.md says what its programs do: each is run in a root of its own, and
-// every answer and event compared.
+// docs_test.cpp - docs/modes.md and docs/tls.md say what their programs do: each is run in a root
+// of its own, and every answer and event compared.
 //
 // A program is all that a section has in blocks beginning with ">": behind ">" a command, below it
 // the answer. A word of kWords stands for what each run makes anew: where it appears first it takes
 // what is there, from then on it stands for that.
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <regex>
@@ -11,6 +12,7 @@
 #include <sstream>
 
 #include "host/notation.h"
+#include "tests/support/pki.h"
 #include "tests/support/session.h"
 
 namespace support {
@@ -60,7 +62,7 @@ Json Plain(const Json& json) {
 
 std::string Text(const ZValue& value) { return host::Print(Plain(host::ToJson(value))); }
 
-constexpr char kWords[] = R"(\b(?:PORT|HERE|THERE|KEY|ACCEPT|FILE)\d?\b)";
+constexpr char kWords[] = R"(\b(?:PORT|HERE|THERE|KEY|ACCEPT|FILE|FOLDER)\d?\b)";
 
 class Reader {
  public:
@@ -127,25 +129,43 @@ std::string Answer(const TestRoot& root, const std::string& command,
   return Text(Args({event.name, event.event, event.value}));
 }
 
-TEST(ModesPage, SaysWhatItsProgramsDo) {
-  const TempFile file("from a file\n");
-  std::set<std::string> modes;
-  for (const auto& [heading, program] : Programs(KYRNO_SOURCES "/docs/modes.md")) {
+/// Runs the programs of a page and adds the modes that they use.
+void RunPrograms(const std::string& page, const std::map<std::string, std::string>& words,
+                 std::set<std::string>* modes) {
+  for (const auto& [heading, program] : Programs(std::string(KYRNO_SOURCES "/docs/") + page)) {
     SCOPED_TRACE(heading);
     const TestRoot root;
-    Reader reader({{"FILE", file.path}});
+    Reader reader(words);
     for (const auto& [text, answer] : program) {
       const auto [command, args] = reader.Command(text);
       ASSERT_FALSE(args.empty()) << text;
       const std::string actual = Answer(root, command, args);
       ASSERT_TRUE(reader.Accepts(answer, actual))
           << text << "\nsays " << answer << "\nand " << actual;
-      if (command == "ASrv") modes.insert(args[0].At(3).Text());
-      if (actual.find("WSUpgrade\"") != std::string::npos) modes.insert("websocket");
+      if (command == "ASrv") modes->insert(args[0].At(3).Text());
+      if (actual.find("WSUpgrade\"") != std::string::npos) modes->insert("websocket");
     }
   }
+}
+
+TEST(ModesPage, SaysWhatItsProgramsDo) {
+  const TempFile file("from a file\n");
+  std::set<std::string> modes;
+  RunPrograms("modes.md", {{"FILE", file.path}}, &modes);
   EXPECT_EQ(modes, (std::set<std::string>{"command", "blkraw", "blktext", "raw", "text", "http",
                                           "websocket", "udp"}));
+}
+
+TEST(TlsPage, SaysWhatItsProgramsDo) {
+  const Pki pki;
+  pki.Make("server");
+  pki.Make("client", {.subject = "/CN=Ada", .names = ""});
+  pki.Make("other", {.issuer = "other", .isCa = true});
+  std::filesystem::rename(pki.Trust({"ca"}), pki.folder + "/trust");
+  std::filesystem::rename(pki.Trust({"other"}), pki.folder + "/others");
+  std::set<std::string> modes;
+  RunPrograms("tls.md", {{"FOLDER", pki.folder}}, &modes);
+  EXPECT_EQ(modes, std::set<std::string>{"command"});
 }
 
 }  // namespace

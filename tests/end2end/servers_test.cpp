@@ -119,7 +119,6 @@ TEST(Creation, RefusesWhatItCannotMakeAndSaysWhy) {
       {"ASrv", {{"Mode", "websocket"}}, 1125},
       {"ASrv", {{"Mode", "nosuch"}}, 1045},
       {"ASrv", {{"NoSuch", 1}}, 1045},
-      {"ASrv", {{"PublicCertFile", "some.pem"}}, 1205},
       {"ASrv", {{"Name", "a.b"}}, 1008},
       {"ASrv", {{"Protocol", "tcp"}}, 1045},
       {"ASrv", {{"Port", std::to_string(busy.Port())}}, EADDRINUSE},

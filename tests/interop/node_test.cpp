@@ -1,33 +1,29 @@
-// node_test.cpp - Node's http and npm's ws as peers, both ways round.
-#include <cstdlib>
-
+// node_test.cpp - Node's http and tls and npm's ws as peers, both ways round.
 #include "tests/support/echoserver.h"
-#include "tests/support/program.h"
 
 namespace support {
 namespace {
 
-/// A script of this folder, with the packages that `./run` has put into the build folder.
-Words Node(const std::string& script, Words arguments) {
-  setenv("NODE_PATH", KYRNO_SOURCES "/build/node/node_modules", 1);
-  const Words common{"node", KYRNO_SOURCES "/tests/interop/node/" + script};
-  arguments.insert(arguments.begin(), common.begin(), common.end());
-  return arguments;
-}
-
 struct NodeServer {
+  const Tls& tls;
   Program program;
   const int port = program.Port();
 
-  explicit NodeServer(const std::string& script) : program(Node(script, {"server"})) {}
+  NodeServer(const Tls& security, const std::string& script)
+      : tls(security), program(tls.Node(script, {"server"})) {}
   std::string Url(const std::string& scheme, const std::string& target = "/") const {
-    return scheme + "://127.0.0.1:" + std::to_string(port) + target;
+    return tls.Url(scheme, port, target);
   }
 };
 
-TEST(NodeHttp, IsServedOverOneConnection) {
-  const EchoServer echo;
-  const auto [code, output] = RunToEnd(Node("http.js", {"client", echo.Url("")}));
+class NodeHttp : public PlainAndSecure {};
+INSTANTIATE_TEST_SUITE_P(, NodeHttp, testing::Bool(), PlainAndSecure::Name);
+class NodeWs : public PlainAndSecure {};
+INSTANTIATE_TEST_SUITE_P(, NodeWs, testing::Bool(), PlainAndSecure::Name);
+
+TEST_P(NodeHttp, IsServedOverOneConnection) {
+  const EchoServer echo(tls);
+  const auto [code, output] = RunToEnd(tls.Node("http.js", {"client", echo.Url("")}));
   EXPECT_EQ(code, 0);
   EXPECT_EQ(output,
             "GET 200 /one\n"
@@ -50,10 +46,10 @@ std::string TellPiece(const Event& event) {
   return event.event + " " + value.Bytes();
 }
 
-TEST(NodeHttp, AnswersInChunksAndTrailersAndTakesThem) {
-  const NodeServer node("http.js");
+TEST_P(NodeHttp, AnswersInChunksAndTrailersAndTakesThem) {
+  const NodeServer node(tls, "http.js");
   const TestRoot root;
-  root.Dial("http", node.port);
+  root.Dial("http", node.port, tls.OfClient(root));
   root.SetProp("C", "DecodeBuffers", kDecodeAll);
   const auto told = [&root](int n) {
     Lines lines;
@@ -73,16 +69,17 @@ TEST(NodeHttp, AnswersInChunksAndTrailersAndTakesThem) {
   root.Send("C", Args({"", Fields({{"Check", "sent"}})}));
   EXPECT_EQ(told(2), (Lines{"200 ", "HTTPBody PUT one two sent"}));
 
-  const Finished got = RunToEnd(Host({"get", node.Url("http")}));
+  const Finished got = RunToEnd(tls.Host({"get", node.Url("http")}));
   EXPECT_EQ(got.code, 0);
   EXPECT_EQ(got.output, "first second third");
 }
 
 /// What Node's client tells when all of its messages come back. Only a strict server takes
 /// fragments that cut a character in two.
-void ExpectEchoes(const std::string& url, bool strict, const char* closing, const char* close) {
+void ExpectEchoes(const Tls& tls, const std::string& url, bool strict, const char* closing,
+                  const char* close) {
   const auto [code, output] =
-      RunToEnd(Node("ws.js", {"client", url, strict ? "fragments" : "whole", closing}));
+      RunToEnd(tls.Node("ws.js", {"client", url, strict ? "fragments" : "whole", closing}));
   EXPECT_EQ(code, 0);
   EXPECT_EQ(output, std::string("text h\u00e9llo \u20ac\n"
                                 "text \n"
@@ -93,26 +90,26 @@ void ExpectEchoes(const std::string& url, bool strict, const char* closing, cons
                         (strict ? "text one h\u00e9 two\n" : "") + close + "\n");
 }
 
-TEST(NodeWs, ExchangesMessagesWithAServer) {
+TEST_P(NodeWs, ExchangesMessagesWithAServer) {
   for (const int features : {kUpgrade, kStrictUpgrade}) {
-    const EchoServer echo(features);
+    const EchoServer echo(tls, features);
     const bool strict = features == kStrictUpgrade;
-    ExpectEchoes(echo.Url("/"), strict, "ours",
+    ExpectEchoes(tls, echo.Url("/"), strict, "ours",
                  strict ? "close 4001 " : "close 1000 Kyrno Over and Out");
-    ExpectEchoes(echo.Url("/"), strict, "theirs", "close 1000 Kyrno Over and Out");
+    ExpectEchoes(tls, echo.Url("/"), strict, "theirs", "close 1000 Kyrno Over and Out");
   }
 }
 
-TEST(NodeWs, ExchangesMessagesWithTheHost) {
-  Program server(Host({"serve", "websocket", "127.0.0.1:0", "--strict"}));
-  ExpectEchoes("ws://127.0.0.1:" + std::to_string(server.Port()), true, "ours", "close 4001 ");
+TEST_P(NodeWs, ExchangesMessagesWithTheHost) {
+  Program server(tls.Host({"serve", "websocket", "127.0.0.1:0", "--strict"}));
+  ExpectEchoes(tls, tls.Url("ws", server.Port(), "/"), true, "ours", "close 4001 ");
 }
 
-TEST(NodeWs, ServesAClientInBothModes) {
+TEST_P(NodeWs, ServesAClientInBothModes) {
   for (const int features : {kUpgrade, kStrictUpgrade}) {
-    NodeServer node("ws.js");
+    NodeServer node(tls, "ws.js");
     const TestRoot root;
-    root.Dial("http", node.port);
+    root.Dial("http", node.port, tls.OfClient(root));
     root.SetProp("C", "WSFeatures", features);
     root.SetProp("C", "WSUpgrade", Args({"/", "127.0.0.1:" + std::to_string(node.port)}));
     EXPECT_EQ(root.Next("C").event, "WSUpgrade");
@@ -147,15 +144,33 @@ TEST(NodeWs, ServesAClientInBothModes) {
   }
 }
 
-TEST(NodeWs, IsClosedByAClientInOrder) {
-  NodeServer node("ws.js");
-  Program host(Host({"ws", node.Url("ws")}));
+TEST_P(NodeWs, IsClosedByAClientInOrder) {
+  NodeServer node(tls, "ws.js");
+  Program host(tls.Host({"ws", node.Url("ws")}));
   host.Write("hello\n");
   EXPECT_EQ(host.Line(), "hello");
   host.EndInput();
   EXPECT_EQ(host.Finish().code, 0);
   EXPECT_EQ(node.program.Line(), "text hello");
   EXPECT_EQ(node.program.Line(), "close 1000 Kyrno Over and Out");
+}
+
+/// Both sides at once: what comes back from Node in a connection that the library makes or accepts.
+TEST(NodeTls, SendsBackAMegabyteBothWaysRound) {
+  const Tls tls(true);
+  NodeServer server(tls, "tls.js");
+  const TestRoot root;
+  const int port = root.Serve("raw", tls.OfServer(root));
+  Program client(tls.Node("tls.js", {"client", std::to_string(port)}));
+  const std::string data = Pattern(1 << 20);
+
+  const auto expectEcho = [&](const std::string& name, Program* node) {
+    root.Send(name, data);
+    EXPECT_TRUE(Gather(root, name, data.size()) == data);
+    EXPECT_EQ(node->Line(), "TLSv1.3 localhost");
+  };
+  expectEcho(root.Next("S").name, &client);
+  expectEcho(root.Dial("raw", server.port, tls.OfClient(root)), &server.program);
 }
 
 }  // namespace

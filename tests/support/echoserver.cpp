@@ -32,8 +32,11 @@ std::string Field(const ZValue& fields, const std::string& name) {
   return "";
 }
 
-EchoServer::EchoServer(int wsFeatures, std::string compressible)
-    : features(wsFeatures), file(std::move(compressible)), port(root.Serve("http")) {
+EchoServer::EchoServer(const Tls& security, int wsFeatures, std::string compressible)
+    : tls(security),
+      features(wsFeatures),
+      file(std::move(compressible)),
+      port(root.Serve("http", tls.OfServer(root))) {
   root.SetProp("S", "DecodeBuffers", kDecodeAll);
   root.SetProp("S", "WSFeatures", features);
   thread = std::thread([this] { Serve(); });

@@ -11,7 +11,7 @@
 #include <map>
 #include <thread>
 
-#include "tests/support/session.h"
+#include "tests/support/secured.h"
 
 namespace support {
 
@@ -29,14 +29,13 @@ std::string Field(const ZValue& fields, const std::string& name);
 /// Serves on a thread of its own until it is destroyed.
 class EchoServer {
  public:
-  /// The file is that of "/gzip" and "/deflate".
-  explicit EchoServer(int wsFeatures = kUpgrade, std::string compressible = "");
+  /// The file is that of "/gzip" and "/deflate". What it is told of TLS has to live longer.
+  explicit EchoServer(const Tls& security, int wsFeatures = kUpgrade,
+                      std::string compressible = "");
   ~EchoServer();
 
   int Port() const { return port; }
-  std::string Url(const std::string& target) const {
-    return "http://127.0.0.1:" + std::to_string(port) + target;
-  }
+  std::string Url(const std::string& target) const { return tls.Url("http", port, target); }
   /// Connections that have come.
   int Connections() const { return connections; }
   /// Frames that have come and were not the last of their message.
@@ -56,6 +55,7 @@ class EchoServer {
   void AnswerChunks(const Event& trailer, Request* request);
   void EchoFrame(const Event& event);
 
+  const Tls& tls;
   const TestRoot root;
   const int features;
   const std::string file;

@@ -103,7 +103,8 @@ std::string Program::Line() {
 int Program::Port() {
   for (std::smatch found;;) {
     const std::string line = Line();
-    if (std::regex_search(line, found, std::regex("port (\\d+)"))) return std::stoi(found[1]);
+    if (std::regex_search(line, found, std::regex("(?:port |ACCEPT .*:)(\\d+)")))
+      return std::stoi(found[1]);
   }
 }
 
@@ -142,12 +143,6 @@ Finished RunToEnd(const Words& words) { return Program(words).Finish(); }
 Words Host(Words arguments) {
   const auto self = std::filesystem::read_symlink("/proc/self/exe");
   arguments.insert(arguments.begin(), self.parent_path() / "kyrno-host");
-  return arguments;
-}
-
-Words Curl(Words arguments) {
-  const Words common{"curl", "-q", "-sS", "--noproxy", "*", "--max-time", "50"};
-  arguments.insert(arguments.begin(), common.begin(), common.end());
   return arguments;
 }
 

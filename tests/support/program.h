@@ -35,7 +35,7 @@ class Program {
   pid_t Id() const { return pid; }
   /// The next line of its output.
   std::string Line();
-  /// The number behind "port " in the first line that has one.
+  /// The number behind "port ", or as openssl says it, in the first line that has one.
   int Port();
   void Write(std::string_view text);
   void EndInput() { input = Descriptor(); }
@@ -60,8 +60,6 @@ class Program {
 Finished RunToEnd(const Words& words);
 /// kyrno-host with these arguments, the one beside this test.
 Words Host(Words arguments);
-/// curl, quiet, with no settings from elsewhere.
-Words Curl(Words arguments);
 
 /// Nothing listens on it, at this moment.
 int FreePort();

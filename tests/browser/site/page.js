@@ -44,8 +44,10 @@ async function visit(tell) {
   // Large enough that the browser sends it in several frames; its characters are of 1 to 3 bytes.
   const text = 'a\u00e9\u20acz'.repeat(250000);
   const bytes = Uint8Array.from({ length: 1000000 }, (_, i) => i % 251).buffer;
-  const strict = `ws://127.0.0.1:${new URLSearchParams(location.search).get('strict')}/`;
-  for (const [name, url] of [['host', `ws://${location.host}/`], ['strict', strict]]) {
+  document.getElementById('scheme').textContent = location.protocol.slice(0, -1).toUpperCase();
+  const scheme = location.protocol.replace('http', 'ws');
+  const strict = `${scheme}//127.0.0.1:${new URLSearchParams(location.search).get('strict')}/`;
+  for (const [name, url] of [['host', `${scheme}//${location.host}/`], ['strict', strict]]) {
     const socket = await open(url);
     const met = [];
     for (const data of ['h\u00e9llo \u20ac', new Uint8Array([0, 255, 1, 254]).buffer, text, bytes])

@@ -1,6 +1,7 @@
 // http.js - Node's http as the counterpart of a test: "client URL" or "server".
 'use strict';
-const http = require('http');
+const certificates = require('./certificates.js');
+const http = certificates ? require('https') : require('http');
 
 /// Sends one request and tells of the answer in one line.
 function ask(base, options, send) {
@@ -24,7 +25,7 @@ function ask(base, options, send) {
 }
 
 async function client(base) {
-  const agent = new http.Agent({ keepAlive: true, maxSockets: 1 });
+  const agent = new http.Agent({ ...certificates, keepAlive: true, maxSockets: 1 });
   const large = Buffer.alloc(1 << 20, 'node ');
   const ports = new Set();
   const done = async (options, send) => {
@@ -48,7 +49,7 @@ async function client(base) {
 }
 
 function server() {
-  const served = http.createServer((request, response) => {
+  const served = http.createServer(certificates, (request, response) => {
     const parts = [];
     request.on('data', (part) => parts.push(part));
     request.on('end', () => {

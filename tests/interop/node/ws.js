@@ -2,6 +2,8 @@
 //
 // The server sends every message back; the texts "fragments", "ping" and "close" make it do that.
 'use strict';
+const certificates = require('./certificates.js');
+const http = certificates ? require('https') : require('http');
 const { WebSocket, WebSocketServer } = require('ws');
 
 const shown = (data, isBinary) =>
@@ -15,7 +17,7 @@ const next = (socket, event) => new Promise((resolve, reject) => {
 });
 
 async function client(url, fragments, closing) {
-  const socket = new WebSocket(url, { perMessageDeflate: true });
+  const socket = new WebSocket(url, { ...certificates, perMessageDeflate: true });
   await next(socket, 'open');
   const echo = async (data) => {
     const message = next(socket, 'message');
@@ -49,9 +51,9 @@ async function client(url, fragments, closing) {
 }
 
 function server() {
-  const served = new WebSocketServer({ port: 0, host: '127.0.0.1' });
-  served.on('listening', () => console.log(`port ${served.address().port}`));
-  served.on('connection', (socket) => {
+  const listener = http.createServer(certificates);
+  listener.listen(0, '127.0.0.1', () => console.log(`port ${listener.address().port}`));
+  new WebSocketServer({ server: listener }).on('connection', (socket) => {
     socket.on('message', (data, isBinary) => {
       console.log(shown(data, isBinary));
       if (isBinary) socket.send(data);

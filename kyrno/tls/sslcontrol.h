@@ -1,0 +1,14 @@
+// sslcontrol.h - the start and the end of TLS in this process, and GnuTLS's own log.
+#pragma once
+
+#include "sys/linux/qlntypes.h"
+
+/// Once, after LoadKyrnossl; nothing happens without the support library. Threads: as the loading
+/// of the library, before any other.
+void SslLoad();
+/// Before UnloadKyrnossl, when no root is left.
+void SslUnload();
+
+/// How much GnuTLS tells the log, 0 for nothing. From level 9 on GnuTLS writes keys: those lines
+/// never reach the log. Any thread.
+void SslTrace(SI4 level);
