@@ -24,7 +24,7 @@ SI4 EndOf(PHIERAKI root, PCH10 path, PHIERAKI* node) {
   return type == TClient || type == TConnection ? 0 : ERR_INVALID_OBJECT;
 }
 
-SI4 AddRelay(PHIERAKI from, PHIERAKI to, UI4 blockSize) {
+SI4 AddRelay(ROOT* root, PHIERAKI from, PHIERAKI to, UI4 blockSize) {
   std::unique_ptr<BUFFER> buffer(new (std::nothrow) BUFFER(blockSize));
   if (!buffer || buffer->lError) return ERR_MEMORY_ALLOC;
   std::unique_ptr<RELAY> relay(new (std::nothrow) RELAY(to, buffer.get()));
@@ -36,7 +36,8 @@ SI4 AddRelay(PHIERAKI from, PHIERAKI to, UI4 blockSize) {
   PHIERAKI const node = from->AddNew("RELAY", relay.get());
   if (!node) return 0;
   (void)relay.release();
-  return static_cast<ROOT*>(node->Top()->Obj())->Changed(node);
+  root->Mark(node);
+  return 0;
 }
 
 }  // namespace
@@ -117,7 +118,18 @@ SI4 SetRelay(PHIERAKI root, PCH10 from, PCH10 to, UI4 blockSize, bool oneWay) {
   if (!code) code = EndOf(root, to, &target);
   if (code) return code;
   if (blockSize == 0) return ERR_ARG_INVALID;
-  code = AddRelay(source, target, blockSize);
-  if (!code && !oneWay) code = AddRelay(target, source, blockSize);
-  return code;
+  ROOT* const object = static_cast<ROOT*>(root->Obj());
+  const auto add = [&] {
+    const SI4 first = AddRelay(object, source, target, blockSize);
+    return first || oneWay ? first : AddRelay(object, target, source, blockSize);
+  };
+  if (object->IsOwnProcess()) {
+    // Both ways at once: what goes out on one and is answered would meet no relay on the other.
+    object->TakeRoleFromCall();
+    code = add();
+    object->GiveRoleFromCall();
+  } else {
+    code = add();
+  }
+  return code ? code : object->Changed(source);
 }
