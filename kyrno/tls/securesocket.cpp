@@ -17,7 +17,7 @@ static constexpr UI4 MODULE = 0x00000400;
 namespace {
 
 constexpr size_t kRecord = 16384;          // the most that one record holds (RFC 8446, section 5.1)
-constexpr size_t kReadBytes = 256u << 10;  // then the others get their turn
+constexpr size_t kReadBytes = 1u << 20;  // then the others get their turn
 constexpr UI4 kRecordsPerRead = 1024;      // also of those that bring no data
 
 bool MustWait(ssize_t result) { return result == GNUTLS_E_AGAIN || result == GNUTLS_E_INTERRUPTED; }

@@ -381,8 +381,9 @@ TEST(TlsEnd, WithoutAGoodbyeIsACloseToo) {
   const int port = t.Serve("blktext");
   std::optional<TestRoot> wire(std::in_place);
   // What comes before the relay waits for the end of a unit, and is sent on.
-  const int front = wire->Serve("raw", {{"EOM", "nothing that a greeting has"}});
-  wire->Dial("raw", port, {}, "W");
+  const Options together{{"EOM", "nothing that a greeting has"}};
+  const int front = wire->Serve("raw", together);
+  wire->Dial("raw", port, together, "W");
   std::future<void> dialled =
       std::async(std::launch::async, [&] { t.root.Dial("blktext", front, t.Client()); });
   wire->Relay(wire->Next("S").name, "W");
