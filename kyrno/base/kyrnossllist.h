@@ -377,7 +377,12 @@
     (gnutls_x509_trust_list_t list, gnutls_x509_crt_t* cert_list, unsigned int cert_list_size, \
     gnutls_typed_vdata_st* data, unsigned int elements, unsigned int flags, \
     unsigned int* voutput, gnutls_verify_output_function func), \
-    (list, cert_list, cert_list_size, data, elements, flags, voutput, func))
+    (list, cert_list, cert_list_size, data, elements, flags, voutput, func)) \
+  X(void, gnutls_handshake_set_hook_function, \
+    (gnutls_session_t session, unsigned int htype, int when, gnutls_handshake_hook_func func), \
+    (session, htype, when, func)) \
+  X(unsigned, gnutls_x509_crt_check_key_purpose, \
+    (gnutls_x509_crt_t cert, const char* purpose, unsigned flags), (cert, purpose, flags))
 
 #define DYNAMIC_VARIABLE(X) \
   X(void*, gnutls_malloc, (size_t size), (size)) \

@@ -220,7 +220,7 @@ SI4 CONNECTION::Execute(PFDSETS sets) {
     Handshake(item);
     return 0;
   }
-  const SI4 unsent = pCon->Flush();
+  (void)pCon->Flush();  // a failure is told behind what can still be read
   if (state == SSocketClosed && ActiveClose > 0) {
     if (pCon->Ready4R(&sets->ss)) Drain(item);
     return 0;
@@ -232,7 +232,7 @@ SI4 CONNECTION::Execute(PFDSETS sets) {
   }
 
   if (pCon->Ready4W(&sets->ss)) blocked = false;
-  SI4 code = unsent ? unsent : FeedTaken(sets, item);
+  SI4 code = FeedTaken(sets, item);
   if (code == 0) code = Resume(sets, item);
   if (code == 0 && item->Obj() == this) code = RelayAhead();
   if (code == 0 && item->Obj() == this && pCon->Ready4R(&sets->ss)) code = ReadSome(sets, item);
@@ -241,6 +241,7 @@ SI4 CONNECTION::Execute(PFDSETS sets) {
   PCONNECTION const now = static_cast<PCONNECTION>(item->Obj());
   if (code == 0 && now->GetState() == SConnected && !now->HasEnded())
     code = now->WriteSome(sets, item);
+  if (code == 0 && now->GetState() == SConnected && !now->HasEnded()) code = now->EndSending();
   if (code) now->EndStream(item, SError, code);
   return code;
 }
@@ -302,7 +303,7 @@ void CONNECTION::CheckClosing(PFDSETS sets, PHIERAKI item) {
   (void)pCon->Wait4R(&sets->ss);
 }
 
-bool CONNECTION::Reads() const { return Skip > 0 || phRead || TakesMore(); }
+bool CONNECTION::Reads() const { return !heardEnd && (Skip > 0 || phRead || TakesMore()); }
 
 /// Beyond what belongs to somebody already.
 bool CONNECTION::TakesMore() const {
@@ -330,6 +331,8 @@ void CONNECTION::TakeOver(RPCOBJS* from) {
   phHeld = old->phHeld;
   Skip = old->Skip;
   blocked = old->blocked;
+  lastSent = old->lastSent;
+  heardEnd = old->heardEnd;
   old->pOut = old->pOutLast = old->phRead = old->phRelay = old->phHeld = nullptr;
   NameCnt.store(old->NameCnt.load(std::memory_order_relaxed), std::memory_order_relaxed);
   // What is queued through the old object finds it closed.

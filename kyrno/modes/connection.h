@@ -195,6 +195,7 @@ class CONNECTION : public RPCOBJS {
   SI4 WriteSome(PFDSETS sets, PHIERAKI item) WORK_ONLY;
   SI4 WriteOnce(PFDSETS sets, PHIERAKI item) WORK_ONLY;
   SI4 Sent(PFDSETS sets, PHIERAKI child) WORK_ONLY;
+  SI4 EndSending() WORK_ONLY;
   void Unlist(PHIERAKI child) WORK_ONLY;
   void Drain(PHIERAKI item) WORK_ONLY;
 
@@ -218,5 +219,7 @@ class CONNECTION : public RPCOBJS {
   SI4 EndCode WORK_DATA = 0;
   bool blocked WORK_DATA = false;   // the socket takes no more until the wait says so
   bool shutDown WORK_DATA = false;  // the sending half is closed
+  bool lastSent WORK_DATA = false;  // the socket has the last of this side, not all of it is out
+  bool heardEnd WORK_DATA = false;  // meanwhile the peer has ended
 };
 using PCONNECTION = CONNECTION*;

@@ -41,7 +41,9 @@ SI4 CONNECTION::ReadOnce(PFDSETS sets, PHIERAKI item, bool* filled) {
     code = ReadHeader(sets, item, filled);
   else
     code = ReadAhead(sets, item, filled);
-  return code == ERR_CLOSED ? PassiveClose(sets, item) : code;
+  if (code != ERR_CLOSED) return code;
+  heardEnd = lastSent;
+  return lastSent ? 0 : PassiveClose(sets, item);
 }
 
 SI4 CONNECTION::ReadRelay(PFDSETS, PHIERAKI, bool* filled) {

@@ -88,7 +88,7 @@ void CONNECTION::Unhold(PHIERAKI relay) {
 }
 
 SI4 CONNECTION::WriteSome(PFDSETS sets, PHIERAKI item) {
-  for (UI4 i = 0; pOut && !blocked && i < kWritesPerTurn; ++i) {
+  for (UI4 i = 0; pOut && !blocked && !lastSent && i < kWritesPerTurn; ++i) {
     if (const SI4 code = WriteOnce(sets, item)) return code;
     if (GetState() != SConnected || HasEnded()) return 0;
   }
@@ -170,7 +170,8 @@ SI4 CONNECTION::Sent(PFDSETS sets, PHIERAKI child) {
   Unlist(child);
   if (obj->NextPState == SShutdown) {
     obj->NextPState = SDoNotChange;
-    SentLast(pItem);
+    lastSent = true;
+    if (const SI4 code = EndSending()) return code;
   }
   const SI4 code = WriteComplete(sets, child);
   if (child->Obj()->GetState() == SFinished && child->Obj()->Abandon(child))
@@ -178,6 +179,17 @@ SI4 CONNECTION::Sent(PFDSETS sets, PHIERAKI child) {
   // A command that was closed meanwhile has waited for its report to be whole.
   if (child->Parent()->Obj()->GetState() == SFinished) RootOf(child)->Mark(child->Parent());
   return code;
+}
+
+/// The last of this side is out when the socket holds nothing back: to close it before loses that.
+SI4 CONNECTION::EndSending() {
+  if (!lastSent) return 0;
+  // Of a failure a read tells, behind what has come, while there is one to be made.
+  if (const SI4 code = pCon->Flush()) return heardEnd ? code : 0;
+  if (pCon->OwnWants()) return 0;
+  lastSent = heardEnd = false;
+  SentLast(pItem);
+  return 0;
 }
 
 void CONNECTION::SentLast(PHIERAKI) {

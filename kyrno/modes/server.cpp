@@ -202,6 +202,8 @@ SI4 SERVER::Check(PFDSETS sets) {
       }
       paused = pSocket;
       pSocket = nullptr;
+      // Before another thread, which may end the pause already, finds no socket and makes one.
+      if (paused) (void)paused->SaveCred();
     } else if (pSocket) {
       pSocket->Watch(item);
       pSocket->Want();
@@ -216,7 +218,6 @@ SI4 SERVER::Check(PFDSETS sets) {
       }
     }
   }
-  if (paused) paused->SaveCred();
   delete paused;
   Move(SGotoPause, SListenPaused);
   return 0;

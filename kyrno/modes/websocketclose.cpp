@@ -274,7 +274,7 @@ SI4 WEBSOCKET::Check(PFDSETS sets) {
     if (pPong && MayPong())
       if (const SI4 code = QueueOwn(item, std::exchange(pPong, nullptr), false))
         EndStream(item, SError, code);
-    if (!strict && peerDone && CountOut() == 0 && !HasEnded())
+    if (!strict && peerDone && CountOut() == 0 && !pCon->OwnWants() && !HasEnded())
       EndStream(item, SSocketClosed, ERR_CLOSED);
     if (const F8 due = closeDue; due > 0) RootOf(item)->SetTimer(item, due);
   }

@@ -191,3 +191,11 @@ bool OidText(const DERPART& oid, PCH1 text, UI4 room) {
   text[whole ? length : 0] = 0;
   return whole;
 }
+
+UI4 RsaExponentBytes(const DERPART& key) {
+  DERPART contents, exponent;
+  DERREADER outer(key);
+  if (!outer.Skip(kSequence, &contents)) return 0;
+  DERREADER numbers(contents);
+  return numbers.Skip(kInteger) && numbers.Skip(kInteger, &exponent) ? exponent.size : 0;
+}

@@ -30,3 +30,7 @@ struct CERTPARTS {
 /// The dotted text of an object identifier's contents, NUL-terminated. False, and the empty text,
 /// for contents that are none, for a number above 64 bits and for a text without room.
 bool OidText(const DERPART& oid, PCH1 text, UI4 room);
+
+/// What an operation with a public key in DER costs whoever does it: bytes of an RSA key's
+/// exponent; 0 for what is no RSA key.
+UI4 RsaExponentBytes(const DERPART& key);

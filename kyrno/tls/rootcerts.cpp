@@ -25,6 +25,10 @@ constexpr size_t kKeyIdBytes = 256;
 constexpr UI4 kMaxPeerCerts = 1000;
 constexpr UI4 kMaxBits = 16384;  // as GnuTLS has it
 
+/// The least strength of keys where the profile of the session's priority can't be asked for: that
+/// of "NORMAL".
+constexpr UI4 kLeastStrength = GNUTLS_PROFILE_TO_VFLAGS(GNUTLS_PROFILE_LOW);
+
 /// Marks a certificate that asks for a stapled answer (RFC 7633).
 constexpr CH1 kTlsFeature[] = "1.3.6.1.5.5.7.1.24";
 
@@ -136,22 +140,26 @@ SI4 VerifyBy(gnutls_certificate_credentials_t judge, gnutls_session_t session,
   return result ? result : back;
 }
 
-/// A signature that GnuTLS can't even read makes a certificate invalid without a reason. Beside a
-/// reason that may be tolerated that wouldn't show: so those are taken away, and what is invalid
-/// still has a bad signature.
-void UncoverBadSignature(const TRUST& trust, CHAIN* chain, PUI4 status) {
-  if (*status & GNUTLS_CERT_SIGNER_NOT_FOUND) return;  // then nothing was to be checked against
-  if (!(*status & (GNUTLS_CERT_SIGNER_NOT_CA | GNUTLS_CERT_NOT_ACTIVATED | GNUTLS_CERT_EXPIRED)))
-    return;
+/// GnuTLS stops at the first certificate with a fault, from the end of the chain on, and of a
+/// signature that it can't even read it says no more than that it is invalid. What may be tolerated
+/// must hide nothing else: so that is taken away, and nothing but that, until no more comes out.
+void UncoverRest(const TRUST& trust, CHAIN* chain, PUI4 status) {
   gnutls_x509_trust_list_t list = nullptr;
-  UI4 left = GNUTLS_CERT_INVALID;
   gnutls_certificate_get_trust_list(trust.Judge(), &list);
-  if (list) {
-    gnutls_x509_trust_list_verify_crt2(
-        list, chain->certs, chain->count, nullptr, 0,
-        GNUTLS_VERIFY_DISABLE_TIME_CHECKS | GNUTLS_VERIFY_DISABLE_CA_SIGN, &left, nullptr);
+  // With an unknown signer there is nothing to be checked against.
+  for (UI4 without = 0; !(*status & GNUTLS_CERT_SIGNER_NOT_FOUND);) {
+    UI4 tolerable = 0;
+    if (*status & (GNUTLS_CERT_NOT_ACTIVATED | GNUTLS_CERT_EXPIRED))
+      tolerable |= GNUTLS_VERIFY_DISABLE_TIME_CHECKS;
+    if (*status & GNUTLS_CERT_SIGNER_NOT_CA) tolerable |= GNUTLS_VERIFY_DISABLE_CA_SIGN;
+    if (tolerable == without) return;
+    without = tolerable;
+    UI4 left = GNUTLS_CERT_INVALID;
+    if (list)
+      gnutls_x509_trust_list_verify_crt2(list, chain->certs, chain->count, nullptr, 0,
+                                         kLeastStrength | without, &left, nullptr);
+    *status |= left == GNUTLS_CERT_INVALID ? left | GNUTLS_CERT_SIGNATURE_FAILURE : left;
   }
-  if (left & GNUTLS_CERT_INVALID) *status |= GNUTLS_CERT_SIGNATURE_FAILURE;
 }
 
 }  // namespace
@@ -301,7 +309,7 @@ SI4 RootCerts::Validate(gnutls_session_t session, gnutls_certificate_credentials
   }
   if (isNoAnswer) found &= ~UI4{GNUTLS_CERT_INVALID_OCSP_STATUS};
   if (found & kOfSession) found |= GNUTLS_CERT_INVALID;
-  UncoverBadSignature(*trust, chain.get(), &found);
+  UncoverRest(*trust, chain.get(), &found);
   *status = found;
   return 0;
 }

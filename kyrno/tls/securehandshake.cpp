@@ -13,6 +13,7 @@
 #include "kyrno/base/kyrnossl.h"
 #include "kyrno/base/log.h"
 #include "kyrno/tls/certdecode.h"
+#include "kyrno/tls/certder.h"
 #include "kyrno/tls/peercheck.h"
 #include "kyrno/tls/securesocket.h"
 
@@ -21,7 +22,12 @@ static constexpr UI4 MODULE = 0x00000400;
 namespace {
 
 constexpr F8 kClientMicros = 600e6;  // how long a client's handshake may take
-constexpr UI4 kMostMessages = 64;    // of a peer in one step of a handshake
+constexpr UI4 kMostMessages = 1024;  // of a peer in one step of a handshake
+
+// Of a peer's key. With both of its numbers as long as a message allows, one signature takes hours
+// to check; a larger exponent than this is no help to anybody.
+constexpr UI4 kMaxKeyBytes = 16384 / 8 + 32;
+constexpr UI4 kMaxExponentBytes = 8 + 1;
 
 bool MustWait(int result) {
   return result == GNUTLS_E_AGAIN || result == GNUTLS_E_INTERRUPTED ||
@@ -60,6 +66,24 @@ gnutls_datum_t HashAddress(PCH10 address, PCH10 service, const CERTDATA& cert, U
   if (good) return hash;
   QLN_gnutls_free(hash.data);
   return {nullptr, 0};
+}
+
+/// Called by GnuTLS for each message, before it does what that asks for: with the first that comes
+/// behind the peer's certificates nothing was done with their key yet.
+int RefuseHugeKey(gnutls_session_t session, unsigned int, unsigned int, unsigned int isReceived,
+                  const gnutls_datum_t*) {
+  if (!isReceived) return 0;
+  unsigned int count = 0;
+  const gnutls_datum_t* const list = gnutls_certificate_get_peers(session, &count);
+  if (!list) count = 0;
+  // The key of any of them may come to be asked about an answer that is stapled.
+  for (UI4 i = 0; i < count; ++i) {
+    CERTPARTS parts;
+    if (!ReadCertParts(list[i].data, list[i].size, &parts) || parts.key.size > kMaxKeyBytes ||
+        RsaExponentBytes(parts.key) > kMaxExponentBytes)
+      return GNUTLS_E_CERTIFICATE_ERROR;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -110,6 +134,8 @@ SI4 RPCSECURE::InitClt(PCH10 service) {
   int result = gnutls_init(&session, GNUTLS_CLIENT | GNUTLS_NO_SIGNAL);
   LOG(2, ("RPCSECURE::InitClt checkpoint %d %d", 2, result));
   if (result < 0 || !session) return ERR_INITIALISING_TLS;
+  gnutls_handshake_set_hook_function(session, GNUTLS_HANDSHAKE_ANY, GNUTLS_HOOK_POST,
+                                     RefuseHugeKey);
   code = pCredentials->SetUp(session);
   if (code) return code;
   ResumeFromCache();
@@ -127,6 +153,8 @@ SI4 RPCSECURE::InitCon() {
   LOG(2, ("RPCSECURE::InitCon checkpoint %d %d", 1, result));
   if (result < 0 || !session) return ERR_INITIALISING_TLS;
   gnutls_certificate_send_x509_rdn_sequence(session, 0);
+  gnutls_handshake_set_hook_function(session, GNUTLS_HANDSHAKE_ANY, GNUTLS_HOOK_POST,
+                                     RefuseHugeKey);
   WantClientCert();
   const SI4 code = pCredentials->SetUp(session);
   LOG(2, ("RPCSECURE::InitCon checkpoint %d %d", 2, code));
@@ -232,6 +260,10 @@ bool RPCSECURE::VerifyCertificate() {
   if (IsExempt(claim)) return true;
   if (!pCert->pRootCerts) return false;
   claim.verified = pCert->pRootCerts->Validate(session, pCredentials->Get(), &claim.status);
+  // What a certificate is for GnuTLS says only of one that it is asked about.
+  const PCH10 purpose = IsClient ? GNUTLS_KP_TLS_WWW_SERVER : GNUTLS_KP_TLS_WWW_CLIENT;
+  if (peerCertificate && !gnutls_x509_crt_check_key_purpose(peerCertificate, purpose, 0))
+    claim.status |= GNUTLS_CERT_INVALID | GNUTLS_CERT_PURPOSE_MISMATCH;
   claim.now = static_cast<UI4>(time(nullptr));
   if (IsClient && pCert->firstStatus == 0) pCert->firstStatus = claim.status;
   LOG(2, ("RPCSECURE::VerifyCertificate %d status %u", claim.verified, claim.status));

@@ -16,9 +16,9 @@ static constexpr UI4 MODULE = 0x00000400;
 
 namespace {
 
-constexpr size_t kRecord = 16384;          // the most that one record holds (RFC 8446, section 5.1)
+constexpr size_t kRecord = 16384;        // the most that one record holds (RFC 8446, section 5.1)
 constexpr size_t kReadBytes = 1u << 20;  // then the others get their turn
-constexpr UI4 kRecordsPerRead = 1024;      // also of those that bring no data
+constexpr UI4 kRecordsPerRead = 1024;    // also of those that bring no data
 
 bool MustWait(ssize_t result) { return result == GNUTLS_E_AGAIN || result == GNUTLS_E_INTERRUPTED; }
 
@@ -82,8 +82,10 @@ SOCKERR RPCSECURE::ReadV(const iovec* pieces, int count, size_t* got) {
     }
   }
   KeepSession();
-  // Whatever the peer made GnuTLS answer. A failure is the next write's to tell.
+  // Whatever the peer made GnuTLS answer. A failure is told by the next write, or when there is
+  // nothing more to read.
   (void)Flush();
+  if (pipe.HasFailed() && (code || starved)) code = ERR_SEND;
   // What came before the end is told first.
   lRead = code;
   return *got > 0 ? 0 : code;

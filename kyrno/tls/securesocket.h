@@ -47,7 +47,7 @@ class RPCSECURE final : public RPCSOCK {
   PAA paaCert(bool local) override;
   /// The peer's name as text, cut to size. ERR_INVALID_CERTIFICATE without a certificate.
   SI4 Subject(PCH1 buf, UI4 size) override;
-  SI4 PendingRead() override { return established && (lRead != 0 || !starved); }
+  SI4 PendingRead() override { return established && (lRead != 0 || !starved || pipe.HasFailed()); }
   SI4 SaveCred() override;
   bool IsIn(PCertCollection certs) override;
 

@@ -21,6 +21,8 @@ constexpr size_t kSmallestOut = 4096;
 
 void TLSPIPE::Attach(gnutls_session_t session, SOCKET descriptor) {
   sock = descriptor;
+  // The functions would be given another pointer then; without them the handshake fails.
+  if (!SslHas(kyrnossl.ignutls_transport_set_ptr)) return;
   gnutls_transport_set_ptr(session, this);
   gnutls_transport_set_pull_function(session, Pull);
   gnutls_transport_set_push_function(session, Push);
@@ -28,6 +30,7 @@ void TLSPIPE::Attach(gnutls_session_t session, SOCKET descriptor) {
 }
 
 SOCKERR TLSPIPE::Flush() {
+  if (failed) return ERR_SEND;
   while (HasUnsent()) {
     const ssize_t count = send(sock, out.get() + outAt, outEnd - outAt, MSG_NOSIGNAL);
     const int error = errno;
@@ -37,6 +40,10 @@ SOCKERR TLSPIPE::Flush() {
     if (count < 0 && (error == EAGAIN || error == EWOULDBLOCK)) return 0;
     if (count < 0) {
       SockErrLog(error, "send");
+      // Kept, it would be tried again and again: such a socket is always ready.
+      failed = true;
+      out.reset();
+      outAt = outEnd = outRoom = 0;
       return ERR_SEND;
     }
     outAt += static_cast<size_t>(count);
@@ -102,6 +109,8 @@ bool TLSPIPE::Receive() {
 }
 
 ssize_t TLSPIPE::Write(const void* from, size_t n) {
+  // What the peer has sent can still be read.
+  if (failed) return static_cast<ssize_t>(n);
   if (outEnd - outAt + n > kMostUnsent) {
     errno = ENOBUFS;
     return -1;

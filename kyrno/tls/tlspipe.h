@@ -33,9 +33,10 @@ class TLSPIPE {
   /// Before each step of GnuTLS: the kernel may have new bytes.
   void Begin() { drained = false; }
   /// After it: sends what is held back, as far as the kernel takes it, and gives up memory that
-  /// holds nothing. 0, or ERR_SEND.
+  /// holds nothing. 0, or ERR_SEND, from then on for ever: what was held back is dropped.
   [[nodiscard]] SOCKERR Flush();
   bool HasUnsent() const { return outAt < outEnd; }
+  bool HasFailed() const { return failed; }
   bool IsFull() const { return outEnd - outAt >= kOutBytes; }
   /// Received and not read by GnuTLS yet.
   bool HasUnread() const { return inAt < inEnd; }
@@ -52,6 +53,7 @@ class TLSPIPE {
   bool MakeRoom(size_t n);
 
   SOCKET sock = INVALID_SOCKET;  // borrowed
+  bool failed = false;           // sending has
   bool drained = false;          // the last receive has left nothing in the kernel
   TEXT in;                       // of kInBytes; null while nothing is unread
   TEXT out;                      // of outRoom; null while nothing is unsent

@@ -68,6 +68,8 @@ SI4 ROOT::OpenReadAhead() {
 void ROOT::ForkedChild() {
   new (&Queue.Lock) MUTEX;
   new (&CertLock) MUTEX;
+  // Another thread may have been in the cache: it is left to it, and the child begins a new one.
+  new (&pClientSessionDB) REF<SessionCache2>;
   pRootCerts->ForkedChild();
   Waiters.ForkedChild();
 }

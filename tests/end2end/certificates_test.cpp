@@ -39,6 +39,9 @@ struct Certificates : Pki {
     Make("by-plain", {.issuer = "plain"});
     Make("by-lower", {.issuer = "lower"});
     Make("by-past", {.issuer = "past"});
+    Make("by-end", {.issuer = "by-past"});
+    Make("for-clients", {.more = "extendedKeyUsage = clientAuth"});
+    Make("for-servers", {.more = "extendedKeyUsage = serverAuth"});
     Make("large", {.names = manyNames});
     Make("serial", {.serial = "80000000000000FF"});
     Make("bare", {.extensions = false});
@@ -91,6 +94,11 @@ const Row kServers[] = {
     {"chain with a duplicate", {"by-lower", "lower", "upper", "lower"}, "++++++++++++"},
     {"intermediate missing", {"by-lower", "upper"}, "-+----+++-++", kInvalid + 64},
     {"expired intermediate", {"by-past", "past"}, "----+-+-++-+", kInvalid + 1024},
+    {"no CA below an expired one",
+     {"by-end", "by-past", "past"},
+     "------+----+",
+     kInvalid + 128 + 1024},
+    {"for clients alone", {"for-clients"}, "------+-----", kInvalid + 262144},
     {"more than 4,096 bytes", {"large"}, "++++++++++++"},
     {"serial with the top bit set", {"serial"}, "++++++++++++"},
     {"no extensions", {"bare"}, "++++++++++++"},
@@ -147,6 +155,7 @@ const Row kClients[] = {
     {"from another CA, kept back", {"unknown"}, "+-+-+-+-"},
     {"from another CA, presented", {"unknown", "ca"}, "--++--++"},
     {"forged under the trusted name", {"forged"}, "------++"},
+    {"for servers alone", {"for-servers"}, "------++"},
 };
 
 TEST(ClientCertificates, AreTakenAsTheFlagsOfTheServerSay) {

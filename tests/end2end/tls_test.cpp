@@ -188,6 +188,70 @@ TEST(Tls, PeersThatStallInTheHandshakeDelayNoOther) {
   t.Connect("blktext", port, {}, "late");
 }
 
+/// An element in DER: tag, length, contents.
+std::string Element(char tag, const std::string& contents) {
+  const std::size_t n = contents.size();
+  if (n < 128) return tag + std::string(1, static_cast<char>(n)) + contents;
+  std::string length = Word(static_cast<std::uint32_t>(n));
+  length.erase(0, length.find_first_not_of('\0'));
+  return tag + std::string(1, static_cast<char>(0x80 + length.size())) + length + contents;
+}
+
+/// A certificate that nobody has signed, with an RSA key whose two numbers have so many bytes.
+std::string HugeCertificate(std::size_t keyBytes) {
+  const std::string sha256Rsa = Element(
+      0x30, Element(0x06, std::string("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x0b")) + Element(0x05, ""));
+  const std::string rsa = Element(
+      0x30, Element(0x06, std::string("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01")) + Element(0x05, ""));
+  const std::string number = Element(0x02, "\x7f" + std::string(keyBytes - 1, '\x55'));
+  const std::string bits = std::string(1, '\0') + Element(0x30, number + number);
+  const std::string dates =
+      Element(0x30, Element(0x17, "200101000000Z") + Element(0x17, "400101000000Z"));
+  const std::string version = Element('\xa0', Element(0x02, "\x02"));
+  const std::string key = Element(0x30, rsa + Element(0x03, bits));
+  const std::string name = Element(0x30, "");
+  const std::string content =
+      Element(0x30, version + Element(0x02, "\x01") + sha256Rsa + name + dates + name + key);
+  return Element(0x30, content + sha256Rsa + Element(0x03, std::string(257, '\0')));
+}
+
+/// A handshake message of TLS 1.2 in as many records as it takes.
+std::string HandshakeMessage(char type, const std::string& body) {
+  const std::string message = type + Word(static_cast<std::uint32_t>(body.size())).substr(1) + body;
+  std::string records;
+  for (std::size_t at = 0; at < message.size(); at += 16384) {
+    const std::string part = message.substr(at, 16384);
+    records += "\x16\x03\x03" + Word(static_cast<std::uint32_t>(part.size())).substr(2) + part;
+  }
+  return records;
+}
+
+TEST(Tls, AHugeKeyOfAPeerIsRefusedBeforeAnythingIsComputedWithIt) {
+  const Secure t;
+  const int port = t.Serve("blktext");
+  RawPeer peer(port);
+  const std::string extensions("\0\x0a\0\4\0\2\0\x1d\0\x0b\0\2\1\0\0\x0d\0\6\0\4\4\1\4\3\0\x17\0\0",
+                               28);
+  const std::string suites("\0\4\xc0\x2f\xc0\x2b\1\0\0", 9);
+  peer.Send(HandshakeMessage(1, "\3\3" + std::string(32, 'r') + std::string(1, '\0') + suites +
+                                    static_cast<char>(extensions.size()) + extensions));
+  // Up to the end of what the server has to say.
+  for (std::string said; !said.ends_with(std::string("\x0e\0\0\0", 4));) {
+    said = peer.Receive(5);
+    said = peer.Receive(static_cast<unsigned char>(said[3]) * 256U +
+                        static_cast<unsigned char>(said[4]));
+  }
+  const std::string der = HugeCertificate(16384);
+  const auto sized = [](const std::string& bytes) {
+    return Word(static_cast<std::uint32_t>(bytes.size())).substr(1) + bytes;
+  };
+  peer.Send(HandshakeMessage(11, sized(sized(der))) +
+            HandshakeMessage(16, "\x20" + std::string(32, 'p')) +
+            HandshakeMessage(15, std::string("\4\1\x40\0", 4) + std::string(16384, '\1')));
+  EXPECT_NE(peer.ReceiveAll(), "");  // an alert
+  t.Connect("blktext", port);
+}
+
 TEST(Tls, APeerThatDoesNotReadDelaysNoOtherAndLosesNothing) {
   const Secure t;
   const int port = t.Serve("http");
