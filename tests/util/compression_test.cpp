@@ -12,6 +12,7 @@
 
 #include "kyrno/base/error.h"
 #include "kyrno/base/kyrnossl.h"
+#include "kyrno/tls/sslcontrol.h"
 #include "sys/linux/fdhold.h"
 #include "sys/linux/qlnplat.h"
 
@@ -24,7 +25,10 @@ constexpr UI4 kLevel = 6;
 class Compression : public ::testing::Test {
  protected:
   Compression() { EXPECT_EQ(LoadKyrnossl(), 0); }
-  ~Compression() override { UnloadKyrnossl(); }
+  ~Compression() override {
+    SslUnload();  // as the program has begun
+    UnloadKyrnossl();
+  }
 };
 
 /// What a whole stream yields, its input given in pieces, its output taken by `room` bytes. The
@@ -166,6 +170,7 @@ TEST_F(Compression, LeavesAFileThatItCannotCompressOpen) {
     EXPECT_EQ(fcntl(file, F_GETFD) != -1, file >= 0) << row.code;
   }
 
+  SslUnload();
   UnloadKyrnossl();
   int file = plain.Get();
   EXPECT_EQ(Compress(&file, 6, 1), ERR_NO_SSL_SUPPORT);

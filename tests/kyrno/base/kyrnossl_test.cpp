@@ -9,6 +9,8 @@
 #include <optional>
 #include <string>
 
+#include "kyrno/tls/sslcontrol.h"
+
 namespace {
 
 /// Unloads on every way out, and gives the environment its variable back.
@@ -16,9 +18,11 @@ class Kyrnossl : public ::testing::Test {
  protected:
   Kyrnossl() {
     if (const PCH10 value = getenv("KYRNOSSL_LIBRARY")) before = value;
+    SslUnload();
     UnloadKyrnossl();
   }
   ~Kyrnossl() override {
+    SslUnload();
     UnloadKyrnossl();
     before ? setenv("KYRNOSSL_LIBRARY", before->c_str(), 1) : unsetenv("KYRNOSSL_LIBRARY");
   }

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "kyrno/base/kyrnossl.h"
+#include "kyrno/tls/sslcontrol.h"
 #include "tests/support/arrays.h"
 
 namespace {
@@ -21,6 +22,7 @@ class CertData : public ::testing::Test {
   ~CertData() override {
     for (const std::string& path : paths) remove(path.c_str());
     rmdir(folder);
+    SslUnload();
     UnloadKyrnossl();
   }
 

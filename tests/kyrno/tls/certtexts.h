@@ -8,6 +8,7 @@
 #include <string>
 
 #include "kyrno/base/kyrnossl.h"
+#include "kyrno/tls/sslcontrol.h"
 
 // "Test CA", from 2020 to 2100; the others are issued by it to one key, as localhost, 127.0.0.1.
 inline constexpr char kAuthority[] =
@@ -48,7 +49,10 @@ inline constexpr UI4 kBegin2100 = 4102444800;
 class GNUTLSHOLD {
  public:
   GNUTLSHOLD() { EXPECT_EQ(LoadKyrnossl(), 0); }
-  ~GNUTLSHOLD() { UnloadKyrnossl(); }
+  ~GNUTLSHOLD() {
+    SslUnload();
+    UnloadKyrnossl();
+  }
   GNUTLSHOLD(const GNUTLSHOLD&) = delete;
   GNUTLSHOLD& operator=(const GNUTLSHOLD&) = delete;
 };

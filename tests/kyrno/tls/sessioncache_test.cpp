@@ -8,13 +8,17 @@
 #include <thread>
 
 #include "kyrno/base/kyrnossl.h"
+#include "kyrno/tls/sslcontrol.h"
 
 namespace {
 
 class SessionCache : public ::testing::Test {
  protected:
   SessionCache() { EXPECT_EQ(LoadKyrnossl(), 0); }
-  ~SessionCache() override { UnloadKyrnossl(); }
+  ~SessionCache() override {
+    SslUnload();
+    UnloadKyrnossl();
+  }
 
   static gnutls_datum_t Datum(std::string& text) {
     return {reinterpret_cast<unsigned char*>(text.data()), static_cast<unsigned int>(text.size())};
