@@ -23,6 +23,7 @@
 #include "bench/peer.h"
 #include "bench/plain.h"
 #include "bench/report.h"
+#include "bench/tls.h"
 #include "bench/web.h"
 
 namespace bench {
@@ -35,6 +36,7 @@ constexpr int kTurns = 5;
 constexpr std::chrono::seconds kRest{10};
 
 constexpr std::string_view kThisProgram;  // for Beside
+constexpr std::string_view kGnutls = "gnutls";
 
 struct Entrant {
   std::string_view system;
@@ -53,6 +55,8 @@ constexpr Entrant kEntrants[] = {
     {kNginxSendfile, kThisProgram, ""},
     {kNode, kThisProgram, ""},
     {"lws", "peers/peer_lws", ""},
+    {kGnutls, "peers/tls_gnutls", ""},
+    {"openssl", "peers/tls_openssl", ""},
 };
 
 enum class Where { Both, SameOnly, SplitOnly };
@@ -84,6 +88,12 @@ const std::vector<LineUp>& LineUps() {
       {"http-file", 0, SplitOnly, {"kyrno", kNginx, kNginxSendfile}},
       {"ws64", 0, SplitOnly, {"kyrno", kNode, "lws"}},
       {"udp1", 0, Both, {"kyrno", "sockets"}},
+      {"tls-full-rsa", 0, SplitOnly, {"kyrno", kGnutls, "openssl", kNginx}},
+      {"tls-full-p256", 0, SplitOnly, {"kyrno", kGnutls, "openssl", kNginx}},
+      {"tls-resume", 0, SplitOnly, {"kyrno", kGnutls, "openssl", kNginx}},
+      {"tls-bulk", 0, SplitOnly, {"kyrno", kGnutls, "openssl"}},
+      {"tls-connect", 0, SplitOnly, {"kyrno", kGnutls}},
+      {"tls-connect-rsa", 0, SplitOnly, {"kyrno", kGnutls}},
   };
   return lineUps;
 }
@@ -145,6 +155,12 @@ std::vector<Place> Places(const Selection& selection) {
   return places;
 }
 
+bool SpeaksTls(const Selection& selection) {
+  return std::any_of(kWorks.begin(), kWorks.end(), [&](const Work& work) {
+    return work.IsTls() && Selection::Has(selection.works, work.name);
+  });
+}
+
 std::vector<Contest> Contests(const Selection& selection) {
   std::vector<Contest> contests;
   for (const Work& work : kWorks)
@@ -192,8 +208,10 @@ class Contestant {
  private:
   void Start(const Entrant& entrant, const Contest& contest, int idle) {
     const std::string work = contest.work.name;
-    const std::string system(entrant.system);
-    server.emplace(Beside(entrant.program), std::vector<std::string>{"server", work, system},
+    const Entrant& serving =
+        contest.work.speech == Speech::TlsConnect ? FindEntrant(kGnutls) : entrant;
+    server.emplace(Beside(serving.program),
+                   std::vector<std::string>{"server", work, std::string(serving.system)},
                    contest.place.server);
     const std::string port = std::to_string(server->Line().at("port").get<int>());
     const auto asClient = [&](std::string_view program, std::string_view as,
@@ -213,6 +231,8 @@ class Contestant {
     if (contest.work.IsRest()) return;
     if (contest.work.HasCommonClient())
       client.emplace(asClient(kThisProgram, kWebClients, work, server->Pid()));
+    else if (contest.work.speech == Speech::TlsHandshake)
+      client.emplace(asClient(FindEntrant(kGnutls).program, kGnutls, work, server->Pid()));
     else if (contest.work.ConnectsEachTime())
       client.emplace(asPlain(work, server->Pid()));
     else
@@ -306,6 +326,9 @@ int Main(int argc, char** argv) {
                  "split, a processor each")
       ->check(CLI::IsMember({"same", "split"}));
   CLI11_PARSE(app, argc, argv);
+
+  std::optional<TlsFolder> certificates;
+  if (SpeaksTls(selection)) certificates.emplace();
 
   std::cout << DescribeMachine() << "\n\n" << std::flush;
   PrintHead();

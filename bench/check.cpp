@@ -52,6 +52,13 @@ constexpr Requirement kRequirements[] = {
     {"ws64", "split", kNone, "rate", Bound::AtLeast, 1, "node", kNone},
     {"ws64", "split", kNone, "rate", Bound::AtLeast, 1, "lws", kNone, Force::Aim},
     {"udp1", "split", kNone, "p50us", Bound::AtMost, 2, "sockets", kNone},
+    {"tls-full-rsa", "split", kNone, "rate", Bound::AtLeast, 0.9, "gnutls", kNone},
+    {"tls-full-p256", "split", kNone, "rate", Bound::AtLeast, 0.9, "gnutls", kNone},
+    {"tls-full-p256", "split", kNone, "srv_us", Bound::AtMost, 1.11, "gnutls", kNone, Force::Aim},
+    {"tls-resume", "split", kNone, "rate", Bound::AtLeast, 0.9, "gnutls", kNone},
+    {"tls-bulk", "split", kNone, "gbs", Bound::AtLeast, 0.85, "gnutls", kNone},
+    {"tls-connect", "split", kNone, "p50us", Bound::AtMost, 1.3, "gnutls", kNone},
+    {"tls-connect-rsa", "split", kNone, "p50us", Bound::AtMost, 1.3, "gnutls", kNone},
 };
 
 std::optional<double> Find(const json& results, const Requirement& r, const char* system,

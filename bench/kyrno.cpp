@@ -4,24 +4,33 @@
 //   command   ASendZ flag 0   AWaitZ brings it, ARespondZ returns its block, AWaitZ brings that
 //   array     ASendZ flag 2   AWaitZ brings it
 //
-// The other modes: bench/kyrno_web.cpp.
+// The stream of TLS is the same over TLS. The other modes: bench/kyrno_web.cpp,
+// bench/kyrno_tls.cpp.
 #include "bench/kyrno.h"
 
 #include "bench/calls.h"
+#include "bench/kyrno_tls.h"
 #include "bench/kyrno_web.h"
 
 namespace bench {
 
 namespace {
 
-host::Options OptionsOf(const std::string& name, const std::string& port) {
-  return {{"Name", name}, {"Address", "127.0.0.1"}, {"Port", port}, {"Mode", "command"}};
+host::Options OptionsOf(const std::string& name, const std::string& port,
+                        const host::Options& more) {
+  host::Options options{
+      {"Name", name}, {"Address", "127.0.0.1"}, {"Port", port}, {"Mode", "command"}};
+  options.insert(options.end(), more.begin(), more.end());
+  return options;
 }
 
 class KyrnoServer : public Server {
  public:
-  explicit KyrnoServer(const host::Session& s)
-      : session(s), name(session.Server(OptionsOf("", "0"))), wait(name, kWaitMillis), answer(1) {}
+  KyrnoServer(const host::Session& s, const Work& work)
+      : session(s),
+        name(session.Server(OptionsOf("", "0", SecureServer(work)))),
+        wait(name, kWaitMillis),
+        answer(1) {}
 
   int Port() const override { return session.Port(name); }
 
@@ -53,8 +62,9 @@ class KyrnoClient : public Client {
         push(NameOf(0), host::kSendNoAnswer),
         command(TextBlock(kCommandBytes)),
         array(TextBlock(work.bytes)) {
+    const host::Options secure = SecureClient(session, work);
     for (unsigned i = 0; i < work.connections; ++i) {
-      session.Client(OptionsOf(NameOf(i), std::to_string(port)));
+      session.Client(OptionsOf(NameOf(i), std::to_string(port), secure));
       sends.emplace_back(NameOf(i), host::kSendPlain);
     }
     for (unsigned i = 0; i < work.outstanding; ++i) free.push_back(i % work.connections);
@@ -100,10 +110,13 @@ class KyrnoClient : public Client {
 class Kyrno : public System {
  public:
   std::unique_ptr<Server> Listen(const Work& work) override {
-    if (work.speech != Speech::Own) return MakeKyrnoWebServer(session, work);
-    return std::make_unique<KyrnoServer>(session);
+    if (work.speech == Speech::TlsHandshake) return MakeKyrnoHandshakeServer(session, work);
+    if (work.speech == Speech::Own || work.speech == Speech::TlsStream)
+      return std::make_unique<KyrnoServer>(session, work);
+    return MakeKyrnoWebServer(session, work);
   }
   std::unique_ptr<Client> Connect(int port, const Work& work) override {
+    if (work.speech == Speech::TlsConnect) return MakeKyrnoConnectClient(session, port, work);
     if (work.speech == Speech::Udp) return MakeKyrnoDatagramClient(session, port);
     return std::make_unique<KyrnoClient>(session, port, work);
   }

@@ -44,6 +44,9 @@ Conduct ConductOf(const Work& work) {
     case Speech::Udp:
       return {"udp", "Block", {}};
     case Speech::Own:
+    case Speech::TlsHandshake:
+    case Speech::TlsStream:
+    case Speech::TlsConnect:
       break;
   }
   throw std::runtime_error("this work is not one of the web");

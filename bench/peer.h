@@ -10,7 +10,8 @@
 // A command carries kCommandBytes and is answered with the same bytes. An array carries more and is
 // not answered: a command behind the arrays tells by its answer that all have arrived.
 //
-// In the works of the web the servers speak HTTP or WebSocket, and all get the same clients.
+// In the works of the web the servers speak HTTP or WebSocket, and all get the same clients. Of the
+// works of TLS see bench/tls.h.
 #pragma once
 
 #include <signal.h>
@@ -42,7 +43,7 @@ inline constexpr std::size_t kCommandBytes = 64;
 inline constexpr std::string_view kHello = "Hello, world!";
 
 /// What the two sides speak: what a system has of its own, or a protocol that all understand.
-enum class Speech { Own, Http, HttpFile, WebSocket, Udp };
+enum class Speech { Own, Http, HttpFile, WebSocket, Udp, TlsHandshake, TlsStream, TlsConnect };
 
 /// What a server and its clients agree on.
 struct Work {
@@ -60,6 +61,16 @@ struct Work {
   bool IsRest() const { return Is("idle-cpu"); }
   /// Each command has a connection of its own.
   bool ConnectsEachTime() const { return Is("connect"); }
+  /// Each handshake resumes one session.
+  bool Resumes() const { return Is("tls-resume"); }
+  bool IsTls() const {
+    return speech == Speech::TlsHandshake || speech == Speech::TlsStream ||
+           speech == Speech::TlsConnect;
+  }
+  /// The kind of the server's key in a work of TLS.
+  std::string_view TlsKey() const {
+    return std::string_view(name).ends_with("-rsa") ? "rsa" : "p256";
+  }
   /// The clients are the same for the servers of all systems.
   bool HasCommonClient() const {
     return speech == Speech::Http || speech == Speech::HttpFile || speech == Speech::WebSocket;
@@ -84,6 +95,12 @@ inline constexpr std::array kWorks{
     Work{"http-file", std::size_t{256} << 20, 1, 1, true, Speech::HttpFile},
     Work{"ws64", kCommandBytes, 64, 64, true, Speech::WebSocket},
     Work{"udp1", kCommandBytes, 1, 1, true, Speech::Udp},
+    Work{"tls-full-rsa", kCommandBytes, 16, 16, true, Speech::TlsHandshake},
+    Work{"tls-full-p256", kCommandBytes, 16, 16, true, Speech::TlsHandshake},
+    Work{"tls-resume", kCommandBytes, 16, 16, true, Speech::TlsHandshake},
+    Work{"tls-bulk", std::size_t{1} << 20, 64, 1, false, Speech::TlsStream},
+    Work{"tls-connect", kCommandBytes, 1, 1, true, Speech::TlsConnect},
+    Work{"tls-connect-rsa", kCommandBytes, 1, 1, true, Speech::TlsConnect},
 };
 
 inline const Work& FindWork(std::string_view name) {
@@ -165,6 +182,7 @@ class Measurement : public Load {
   nlohmann::json Run() override {
     nlohmann::json result;
     const double serverBefore = server.Micros();
+    const double ownBefore = own.Micros();
     const Clock::time_point begin = Clock::now();
     end = begin + kRunTime;
     const auto done = static_cast<double>(work.IsBulk()           ? Arrays()
@@ -173,6 +191,7 @@ class Measurement : public Load {
     const std::chrono::duration<double> took = Clock::now() - begin;
     result["rate"] = done / took.count();
     result["srv_us"] = (server.Micros() - serverBefore) / done;
+    if (work.IsTls()) result["cli_us"] = (own.Micros() - ownBefore) / done;
     if (work.IsBulk()) result["gbs"] = done * static_cast<double>(work.bytes) / took.count() / 1e9;
     if (!micros.empty()) {
       result["p50us"] = Quantile(micros, 0.5);
@@ -236,6 +255,7 @@ class Measurement : public Load {
   const std::unique_ptr<Client> client;
   const Work& work;
   const ProcessorTime server;
+  const ProcessorTime own{getpid()};
   Clock::time_point end;
   std::vector<double> micros;  // of each round trip of the last run
 };

@@ -21,10 +21,10 @@ struct Column {
 };
 
 constexpr Column kColumns[] = {
-    {"work", "work", -9, 0},        {"place", "place", -5, 0}, {"idle", "idle", 5, 0},
-    {"system", "system", -14, 0},   {"rate", "rate/s", 9, 0},  {"p50us", "p50 us", 8, 1},
-    {"p99us", "p99 us", 8, 1},      {"gbs", "GB/s", 6, 2},     {"srv_us", "server us", 9, 2},
-    {"peak_mib", "peak MiB", 8, 1},
+    {"work", "work", -15, 0},      {"place", "place", -5, 0},      {"idle", "idle", 5, 0},
+    {"system", "system", -14, 0},  {"rate", "rate/s", 9, 0},       {"p50us", "p50 us", 8, 1},
+    {"p99us", "p99 us", 8, 1},     {"gbs", "GB/s", 6, 2},          {"srv_us", "server us", 9, 2},
+    {"cli_us", "client us", 9, 2}, {"peak_mib", "peak MiB", 8, 1},
 };
 
 std::string Cell(const nlohmann::json& result, const Column& column) {

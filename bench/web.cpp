@@ -1,7 +1,5 @@
-// web.cpp - clients for all servers of the web, and programs that become such a server.
-//
-// nginx and Node take the place of the process that is started as their server, and listen on a
-// port that it has found. They say nothing when they are up, so the clients look.
+// web.cpp - clients for all servers of the web, and programs that become such a server, see
+// bench/program.h.
 #include "bench/web.h"
 
 #include <fcntl.h>
@@ -9,31 +7,16 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "bench/beside.h"
 #include "bench/http.h"
-#include "bench/socket.h"
+#include "bench/program.h"
+#include "bench/tls.h"
 #include "bench/websocket.h"
 
 namespace bench {
 
 namespace {
-
-/// Waits until somebody listens.
-void AwaitListener(int port) {
-  constexpr std::chrono::seconds kPatience{5};
-  constexpr std::chrono::milliseconds kPause{1};
-  const sockaddr_in address = Loopback(port);
-  const auto until = std::chrono::steady_clock::now() + kPatience;
-  for (;;) {
-    const Descriptor socket = NewSocket();
-    if (connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
-      return;
-    if (std::chrono::steady_clock::now() >= until) Checked(-1, "connect");
-    std::this_thread::sleep_for(kPause);
-  }
-}
 
 class WebClients : public System {
  public:
@@ -47,29 +30,13 @@ class WebClients : public System {
   }
 };
 
-/// Replaces this process; returns only by throwing.
-void Become(std::vector<std::string> command) {
-  std::vector<char*> argv;
-  for (std::string& word : command) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  execvp(argv[0], argv.data());
-  Checked(-1, argv[0]);
+/// How nginx is to listen.
+std::string Listening(const Work& work, int port) {
+  const std::string listen = "listen 127.0.0.1:" + std::to_string(port);
+  if (work.speech != Speech::TlsHandshake) return listen + ";";
+  return listen + " ssl; ssl_protocols TLSv1.3; ssl_certificate \"" + TlsCertificate(work) +
+         "\"; ssl_certificate_key \"" + TlsPrivateKey(work) + "\";";
 }
-
-/// Becomes the server when it is to serve.
-class ProgramServer : public Server {
- public:
-  ProgramServer() {
-    SetOption(holder.Get(), SOL_SOCKET, SO_REUSEADDR, "SO_REUSEADDR");
-    port = BindToFreePort(holder.Get());
-  }
-  int Port() const override { return port; }
-
- private:
-  // It stays open and silent, so that nobody else gets the port; who reuses addresses may.
-  const Descriptor holder = NewSocket();
-  int port = 0;
-};
 
 std::string Location(const Work& work) {
   if (work.speech == Speech::HttpFile)
@@ -100,10 +67,8 @@ http {
   uwsgi_temp_path uwsgi;
   scgi_temp_path scgi;
   server {
-    listen 127.0.0.1:)"
-        << Port() << R"(;
-    )" << Location(work)
-        << R"(
+    )" << Listening(work, Port())
+        << "\n    " << Location(work) << R"(
   }
 }
 )";
