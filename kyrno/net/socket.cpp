@@ -80,7 +80,9 @@ msghdr Message(const iovec* pieces, int count) {
 }
 
 bool AnyBytes(const iovec* pieces, int count) {
-  return std::any_of(pieces, pieces + count, [](const iovec& piece) { return piece.iov_len > 0; });
+  for (int i = 0; i < count; ++i)
+    if (pieces[i].iov_len > 0) return true;
+  return false;
 }
 
 }  // namespace
