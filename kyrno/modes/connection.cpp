@@ -265,6 +265,10 @@ SI4 CONNECTION::Check(PFDSETS sets) {
       // What lies decrypted in user space is not seen by the wait.
       if (Reads() && pCon->PendingRead()) RootOf(item)->Mark(item);
       break;
+    case SIncoming:
+      // It will be read from in a moment. Only when something comes before, it leaves the set.
+      if (std::exchange(hasShaken, false)) (void)pCon->Wait4R(&sets->ss);
+      break;
     default:
       break;
   }
@@ -345,6 +349,7 @@ void CONNECTION::Handshake(PHIERAKI item) {
     const OBJSTATE next = NextState;
     NextState = SDoNotChange;
     RootOf(item)->ClearTimer(item);
+    hasShaken = true;
     if (Seize(SSSL)) SettleReady(item, SSSL, next);
     return;
   }
@@ -433,6 +438,9 @@ bool CONNECTION::IsSettled(PHIERAKI) {
       return pCon->Watched() == (ActiveClose > 0 ? EPOLLIN | pCon->OwnWants() : 0);
     case SSSL:
       return true;
+    case SIncoming:
+    case SProcessing:
+      return (pCon->Watched() & ~UI4{EPOLLIN}) == pCon->OwnWants();
     default:
       return pCon->Watched() == pCon->OwnWants();
   }

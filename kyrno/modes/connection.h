@@ -217,9 +217,10 @@ class CONNECTION : public RPCOBJS {
   UI4 Skip WORK_DATA = 0;                   // bytes to drop
   OBJSTATE EndTo WORK_DATA = SDoNotChange;  // what the connection becomes when all have been told
   SI4 EndCode WORK_DATA = 0;
-  bool blocked WORK_DATA = false;   // the socket takes no more until the wait says so
-  bool shutDown WORK_DATA = false;  // the sending half is closed
-  bool lastSent WORK_DATA = false;  // the socket has the last of this side, not all of it is out
-  bool heardEnd WORK_DATA = false;  // meanwhile the peer has ended
+  bool blocked WORK_DATA = false;    // the socket takes no more until the wait says so
+  bool hasShaken WORK_DATA = false;  // hands, in this turn
+  bool shutDown WORK_DATA = false;   // the sending half is closed
+  bool lastSent WORK_DATA = false;   // the socket has the last of this side, not all of it is out
+  bool heardEnd WORK_DATA = false;   // meanwhile the peer has ended
 };
 using PCONNECTION = CONNECTION*;

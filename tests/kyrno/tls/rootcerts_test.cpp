@@ -1,9 +1,7 @@
 // rootcerts_test.cpp - what is read from files and folders, and what a peer's chain is worth.
 #include "kyrno/tls/rootcerts.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,10 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "kyrno/base/error.h"
-#include "kyrno/base/log.h"
-#include "kyrno/tls/sslcontrol.h"
-#include "sys/linux/fdhold.h"
 #include "tests/kyrno/tls/certtexts.h"
 
 namespace {
@@ -84,26 +78,6 @@ TEST_F(RootCertsTest, TakesAHundredOfAFileAndAThousandInAll) {
   EXPECT_EQ(certs.CertCount(), 1000);
   EXPECT_EQ(CertCollection().LoadCertsFromFile("/nowhere"), 0);
   EXPECT_LT(CertCollection().LoadCertsFromFile(File("garbage.pem", "garbage").c_str()), 1);
-}
-
-TEST_F(RootCertsTest, ReplacesWhatItTrustsAndLeavesItToThoseWhoHoldIt) {
-  RootCerts roots;
-  const REF<TRUST> system = roots.Current();
-  ASSERT_TRUE(system);
-  EXPECT_EQ(system->Count(), 0);
-  EXPECT_EQ(roots.Current().Get(), system.Get());  // read once
-
-  File("ca.pem", Pem(kAuthority));
-  EXPECT_EQ(CacheNewRootDir(&roots, folder.c_str()), 0);
-  const REF<TRUST> own = roots.Current();
-  EXPECT_EQ(own->Count(), 1);
-  EXPECT_EQ(CacheNewRootDir(&roots, "/nowhere"), ERR_ZERO_CERTS_FOUND);
-  EXPECT_EQ(roots.Current()->Count(), 0);
-  EXPECT_TRUE(own->Folder().isPresent(CERT(kAuthority).Get()));
-
-  roots.LoadRootsFrom(folder.c_str());
-  roots.ClearRoots();
-  EXPECT_EQ(roots.Current()->Count(), 0);
 }
 
 // ---- handshakes in memory
@@ -237,28 +211,6 @@ TEST_F(RootCertsTest, HoldsThePeerToTheProfileOfThePriority) {
     pair.Shake();
     EXPECT_EQ(pair.StatusBy(&own), GNUTLS_CERT_INVALID | GNUTLS_CERT_INSECURE_ALGORITHM);
   }
-}
-
-TEST_F(RootCertsTest, LogsWhatGnuTlsTellsButNeverAKey) {
-  const FDHOLD file(memfd_create("log", MFD_CLOEXEC));
-  InitLog(("/proc/self/fd/" + std::to_string(file.Get())).c_str());
-  LOGSet(0x400 | 15);
-  SslUnload();  // of another test
-  SslLoad();
-  SslTrace(99);
-  gnutls_global_set_log_level(99);  // as another user of GnuTLS in the process may do
-  {
-    PAIR pair({Der(kLeaf)}, "NORMAL:-VERS-ALL:+VERS-TLS1.2");
-    pair.Shake();
-  }
-  SslUnload();
-  LOGSet(0);
-  InitLog(nullptr);
-  std::string text(static_cast<size_t>(lseek(file.Get(), 0, SEEK_END)), 0);
-  ASSERT_EQ(pread(file.Get(), text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
-  EXPECT_NE(text.find("CLIENT HELLO was queued"), std::string::npos);
-  EXPECT_EQ(text.find("MASTER SECRET"), std::string::npos);
-  EXPECT_EQ(text.find("WRITE KEY"), std::string::npos);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <climits>
 #include <string>
-#include <thread>
 
 #include "kyrno/base/kyrnossl.h"
 #include "kyrno/tls/sslcontrol.h"
@@ -72,22 +71,6 @@ TEST_F(SessionCache, KeepsNothingWithoutAKeyARoomOrACache) {
   SessionCache2 largest(INT_MAX);
   Store(&largest, "a", "a");
   EXPECT_EQ(Find(&largest, "a"), "a");
-}
-
-TEST_F(SessionCache, IsSharedByThreadsThatSeeWholeEntriesOnly) {
-  SessionCache2 cache(4);
-  const auto work = [&](char letter) {
-    for (size_t i = 1; i < 300; ++i) {
-      const std::string key(1, static_cast<char>('a' + i % 6));
-      Store(&cache, key, std::string(i, letter));
-      const std::string found = Find(&cache, key);
-      ASSERT_EQ(found.find_first_not_of(found.substr(0, 1)), std::string::npos);
-      if (i % 7 == 0) Remove(&cache, key);
-    }
-  };
-  std::thread other(work, 'x');
-  work('y');
-  other.join();
 }
 
 }  // namespace
