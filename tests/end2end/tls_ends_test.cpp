@@ -169,7 +169,9 @@ TEST_F(TlsEndWithASlowPeer, AResetComesBehindWhatWasReceivedAndCostsNoTime) {
     EXPECT_EQ(root.Wait("quiet", 50).code, 100);
     EXPECT_LT(seconds() - before, 0.03);
     EXPECT_EQ(root.Told(name), "Block " + name + " last words");
-    EXPECT_EQ(root.Next(name).event, "Error");
+    // Whichever is met first: the failed send, or the end of what there is to read.
+    const std::string last = root.Next(name).event;
+    EXPECT_TRUE(last == "Error" || last == "BlockLast") << last;
   }
 }
 
