@@ -8,6 +8,7 @@
 
 #include "Apl/vatrans.h"
 #include "Apl/zblock.h"
+#include "decimal/cdecf.h"
 #include "kyrno/base/error.h"
 #include "kyrno/base/log.h"
 
@@ -17,12 +18,14 @@ namespace {
 
 // One element, whatever array it stands in.
 struct ELEM {
-  enum KIND { Whole, Float, Char, Array };
+  enum KIND { Whole, Float, Decimal, Char, Array };
 
   KIND kind = Whole;
   bool het = false;  // it stands in a heterogeneous array
   SI4 whole = 0;
   F8 real = 0;
+  F16 decimal = {};
+  bool packed = false;  // the decimal is densely packed
   CH1 ch = 0;
   PAA array = nullptr;  // borrowed from the array that was read
 
@@ -34,6 +37,12 @@ struct ELEM {
   SI4 SetFloat(F8 value) {
     kind = Float;
     real = value;
+    return 0;
+  }
+  SI4 SetDecimal(F16 value, bool isPacked) {
+    kind = Decimal;
+    decimal = value;
+    packed = isPacked;
     return 0;
   }
   SI4 SetArray(PAA value) {
@@ -80,8 +89,7 @@ SI4 ReadHet(const VARRAY* array, UI4 index, ELEM* e) {
   return 0;
 }
 
-// Any element but the text of a character array. This is also where decimals are refused: a routine
-// that reads them takes its place beside the other types here.
+// Any element but the text of a character array.
 SI4 ReadElem(const VARRAY* array, UI4 index, ELEM* e) {
   *e = ELEM();
   if (index >= VAElems(array)) return ERR_APL_LENGTH;
@@ -95,6 +103,9 @@ SI4 ReadElem(const VARRAY* array, UI4 index, ELEM* e) {
       return e->SetWhole(static_cast<SI4>(At<UI4>(data, 0) + index * At<UI4>(data, 1)));
     case VAApvF8:
       return e->SetFloat(At<F8>(data, 0) + index * At<F8>(data, 1));
+    case VADpd:
+    case VABid:
+      return e->SetDecimal(At<F16>(data, index), VAType(array) == VADpd);
     case VAHet:
       return ReadHet(array, index, e);
     default:
@@ -124,12 +135,32 @@ SI4 ToSI4(F8 value, PSI4 result) {
   return 0;
 }
 
-constexpr UI4 kMaxDigits = 32;
+// The number as a double: a decimal one correctly rounded.
+SI4 RealOf(const ELEM& e, PF8 result) {
+  switch (e.kind) {
+    case ELEM::Whole:
+      *result = e.whole;
+      return 0;
+    case ELEM::Float:
+      *result = e.real;
+      return 0;
+    case ELEM::Decimal:
+      return (e.packed ? dpdToF8 : bidToF8)(&e.decimal, result);
+    default:
+      return ERR_APL_DOMAIN;
+  }
+}
+
+constexpr UI4 kMaxDigits = MaxDecfStrLen();
 constexpr UI4 kHetNumberLen = 30;
 
 // The digits of a number without a terminator, as "%d" and "%G" print them in the C locale: the
-// process may have set another one.
+// process may have set another one. `out` has room for kMaxDigits.
 UI4 Digits(const ELEM& e, PCH1 out) {
+  if (e.kind == ELEM::Decimal) {
+    (e.packed ? dpdToCH1 : bidToCH1)(&e.decimal, out, kMaxDigits);
+    return static_cast<UI4>(strlen(out));
+  }
   CH1* const end = out + kMaxDigits;
   if (e.kind == ELEM::Whole) return static_cast<UI4>(std::to_chars(out, end, e.whole).ptr - out);
   CH1* const stop = std::to_chars(out, end, e.real, std::chars_format::general, 6).ptr;
@@ -239,21 +270,25 @@ SI4 UnicodeText(const VARRAY* array, UI4 index, PUI1 destination, PUI4 size, UNI
 SI4 VAGetSI4(const VARRAY* array, UI4 index, PSI4 result) {
   *result = 0;
   ELEM e;
-  const SI4 code = ReadSingle(array, index, &e);
+  SI4 code = ReadSingle(array, index, &e);
   if (code != 0) return code;
-  if (e.kind == ELEM::Float) return ToSI4(e.real, result);
-  if (e.kind != ELEM::Whole) return ERR_APL_DOMAIN;
-  *result = e.whole;
-  return 0;
+  if (e.kind == ELEM::Whole) {
+    *result = e.whole;
+    return 0;
+  }
+  F8 real = 0;
+  code = RealOf(e, &real);
+  if (code == 0) code = ToSI4(real, result);
+  if (code != 0 || e.kind != ELEM::Decimal) return code;
+  // Deliberate: the double decides whether it is a whole number, the decimal then which one: 34
+  // nines behind the point pass the test as 1 and read as 0.
+  return (e.packed ? dpdToSI4 : bidToSI4)(&e.decimal, result);
 }
 
 SI4 VAGetF8(const VARRAY* array, UI4 index, PF8 result) {
   ELEM e;
   const SI4 code = ReadSingle(array, index, &e);
-  if (code != 0) return code;
-  if (e.kind == ELEM::Char) return ERR_APL_DOMAIN;
-  *result = e.kind == ELEM::Float ? e.real : e.whole;
-  return 0;
+  return code != 0 ? code : RealOf(e, result);
 }
 
 SI4 VAGetLen(const VARRAY* array, UI4 index, PUI4 length, SI2 type) {
@@ -268,6 +303,10 @@ SI4 VAGetLen(const VARRAY* array, UI4 index, PUI4 length, SI2 type) {
   if (type == VABIN) return ERR_APL_DOMAIN;
   if (text.e.het) {
     *length = kHetNumberLen;
+    return 0;
+  }
+  if (text.e.kind == ELEM::Decimal) {
+    *length = MaxDecfStrLen();
     return 0;
   }
   CH1 digits[kMaxDigits];
@@ -363,6 +402,7 @@ SI4 VAGetpAA(const VARRAY* array, UI4 index, PPAA result) {
     *result = e.array;
     return 0;
   }
+  if (e.kind == ELEM::Decimal) return ERR_APL_DOMAIN;
   const VATYPES type = e.kind == ELEM::Whole ? VAI4 : e.kind == ELEM::Float ? VAF8 : VAC1;
   PAA const scalar = VANew(type, 0, nullptr);
   if (!scalar) return ERR_MEMORY_ALLOC;

@@ -4,8 +4,7 @@
 // heterogeneous vector; the reader does not care which. A VAC1 array counts as one string whose
 // only index is 0; every other array is read by the element's place in ravel order.
 //
-// An empty slot has no value to give and answers ERR_APL_DOMAIN. So do decimal elements: they are
-// carried whole and never read.
+// An empty slot has no value to give and answers ERR_APL_DOMAIN.
 #pragma once
 
 #include "Apl/vapl.h"
@@ -20,7 +19,7 @@ inline constexpr SI2 VACHAR = 1;  ///< text: numbers as digits, translated, with
 
 /// Bytes that VAGetCH1 delivers. With VACHAR the terminator is counted for characters and whole
 /// numbers. Deliberate: for a floating number it is not, and VAGetCH1 still writes it, so a buffer
-/// sized by this length has one byte more.
+/// sized by this length has one byte more. For a decimal it is the most that its text may need.
 [[nodiscard]] SI4 VAGetLen(const VARRAY* array, UI4 index, PUI4 length, SI2 type);
 
 /// The text or bytes of one element. ERR_APL_LENGTH, and nothing written, when `size` is too small;
@@ -45,5 +44,5 @@ inline constexpr SI2 VACHAR = 1;  ///< text: numbers as digits, translated, with
                                UNICODETYPES to, SI2 type);
 
 /// The element as an array that the caller owns: a share of a nested one, else a new scalar. Null
-/// on failure.
+/// on failure. A decimal has no scalar of its own: ERR_APL_DOMAIN.
 [[nodiscard]] SI4 VAGetpAA(const VARRAY* array, UI4 index, PPAA result);

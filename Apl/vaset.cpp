@@ -6,6 +6,7 @@
 #include "Apl/vaget.h"
 #include "Apl/vatrans.h"
 #include "Apl/zblock.h"
+#include "decimal/cdecf.h"
 #include "kyrno/base/error.h"
 
 namespace {
@@ -14,6 +15,15 @@ bool OwnsArrays(VATYPES type) { return type == VAPntr || type == VAHet; }
 
 void StoreF8(PAA array, size_t place, F8 value) {
   memcpy(VAData(array) + sizeof value * place, &value, sizeof value);
+}
+
+// Stores what one of the conversions to F16 makes of the value.
+template <typename T>
+SI4 StoreDecimal(PAA array, UI4 index, SI4 (*convert)(T, PF16), T value) {
+  F16 decimal;
+  const SI4 code = convert(value, &decimal);
+  if (code == 0) memcpy(VAData(array) + sizeof decimal * index, &decimal, sizeof decimal);
+  return code;
 }
 
 // Passes a filled array on to its slot, or leaves it with its guard when filling it had failed.
@@ -42,6 +52,10 @@ SI4 VASetSI4(PAA array, UI4 index, SI4 value) {
       const SI4 code = VASetSI4(scalar.Get(), 0, value);
       return StoreMade(array, index, std::move(scalar), code);
     }
+    case VADpd:
+      return StoreDecimal(array, index, SI4Todpd, value);
+    case VABid:
+      return StoreDecimal(array, index, SI4Tobid, value);
     default:
       return ERR_APL_DOMAIN;
   }
@@ -66,6 +80,10 @@ SI4 VASetF8(PAA array, UI4 index, F8 value) {
       const SI4 code = VASetF8(scalar.Get(), 0, value);
       return StoreMade(array, index, std::move(scalar), code);
     }
+    case VADpd:
+      return StoreDecimal(array, index, F8Todpd, value);
+    case VABid:
+      return StoreDecimal(array, index, F8Tobid, value);
     default:
       return ERR_APL_DOMAIN;
   }

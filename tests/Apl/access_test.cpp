@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "Apl/zblock.h"
+#include "decimal/decimal128.h"
 #include "tests/support/arrays.h"
 
 namespace {
@@ -58,8 +59,10 @@ TEST(Access, GivesTextsOrSaysWhyNot) {
 }
 
 TEST(Access, NeverWritesTextPastTheSizeGiven) {
-  const std::pair<VAHOLD, UI4> rows[] = {
-      {MakeText("hello"), 6}, {Int(-123), 5}, {MakeScalar(VAF8, 7.5), 4}};
+  const std::pair<VAHOLD, UI4> rows[] = {{MakeText("hello"), 6},
+                                         {Int(-123), 5},
+                                         {MakeScalar(VAF8, 7.5), 4},
+                                         {MakeScalar(VADpd, F16{0x15, 0x2207c00000000000}), 7}};
   for (const auto& [array, needed] : rows) {
     std::string text(8, '#');
     for (UI4 size = 0; size < needed; ++size) {
@@ -85,6 +88,45 @@ TEST(Access, StoresIntoEachTypeThatCanHoldTheValue) {
   EXPECT_EQ(VASetCH1(five.Get(), 0, "abc", 3, VABIN), 0);
   EXPECT_EQ(TextOf(five.Get()), "abc  ");
   EXPECT_EQ(VASetCH1(five.Get(), 0, "abcdef", 6, VABIN), ERR_APL_LENGTH);
+}
+
+TEST(Access, ReadsAndStoresDecimalsInBothEncodings) {
+  for (const VATYPES type : {VADpd, VABid}) {
+    const UI4 n = 2;
+    const VAHOLD a(VANew(type, 1, &n));
+    const auto store = [&](F8 value) { return VASetF8(a.Get(), 1, value); };
+    const auto whole = [&] {
+      SI4 value = 0;
+      const SI4 code = VAGetSI4(a.Get(), 1, &value);
+      return code != 0 ? code : value;
+    };
+    EXPECT_EQ(VASetSI4(a.Get(), 1, -42), 0);
+    EXPECT_EQ(TextOf(a.Get(), 1), "-42E+0");
+    EXPECT_EQ(whole(), -42);
+    EXPECT_EQ(store(0x1p40), 0);
+    EXPECT_EQ(whole(), INT32_MIN);
+    EXPECT_EQ(store(-1.5), 0);
+    EXPECT_EQ(whole(), ERR_APL_DOMAIN);
+    F8 real = 0;
+    EXPECT_EQ(VAGetF8(a.Get(), 1, &real), 0);
+    EXPECT_EQ(real, -1.5);
+
+    UI4 length = 0;
+    EXPECT_EQ(VAGetLen(a.Get(), 1, &length, VACHAR), 0);
+    EXPECT_EQ(length, 42u);
+    EXPECT_EQ(VAGetLen(a.Get(), 1, &length, VABIN), ERR_APL_DOMAIN);
+    EXPECT_EQ(VAGetUnicodeLen(a.Get(), 1, &length, UCS2, VABIN), ERR_APL_DOMAIN);
+    EXPECT_EQ(VAGetUnicodeLen(a.Get(), 1, &length, UCS2, VACHAR), 0);
+    EXPECT_EQ(length, 2 * sizeof "-15E-1");
+    PAA element = nullptr;
+    EXPECT_EQ(VAGetpAA(a.Get(), 1, &element), ERR_APL_DOMAIN);
+    EXPECT_EQ(VASetSI4(a.Get(), 2, 0), ERR_APL_LENGTH);
+  }
+  // The double next to it is 1, its own whole part 0.
+  const F16 almostOne{0x378d8e63ffffffff, 0x2ffded09bead87c0};
+  SI4 value = -1;
+  EXPECT_EQ(VAGetSI4(MakeScalar(VABid, almostOne).Get(), 0, &value), 0);
+  EXPECT_EQ(value, 0);
 }
 
 TEST(Access, CarriesTextThroughEveryEncoding) {
