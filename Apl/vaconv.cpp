@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "Apl/logvapl.h"
 #include "Apl/vaget.h"
 #include "Apl/vaset.h"
 #include "kyrno/base/error.h"
@@ -212,6 +213,7 @@ SI4 convdata(PAA target, PAA source) {
 
 SI4 VAConv(PAA source, VATYPES type, PPAA result) {
   LOG(1, ("VAConv"));
+  LOGAA(9, source);
   *result = nullptr;
   if (VAType(source) == type) {
     VAIncRef(source);

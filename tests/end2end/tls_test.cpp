@@ -376,6 +376,7 @@ TEST(TlsLog, ShowsNoSecretAtAnyLevel) {
     const std::string log = logged.Log();
     EXPECT_GT(logged.Count("RPCSECURE::"), 50);
     EXPECT_GT(logged.Count("HSK["), 20) << "GnuTLS's own lines";
+    EXPECT_GT(logged.Count(" APL Array:"), 5);
 
     EXPECT_EQ(Sightings(log, password), 0);
     EXPECT_EQ(Sightings(log, message), 0);
