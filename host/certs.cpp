@@ -55,7 +55,8 @@ std::string NameOf(const std::string& oid) {
 
 std::string Hex(const std::string& bytes) {
   std::string text;
-  for (const unsigned char byte : bytes) {
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
     if (!text.empty()) text += ':';
     text += "0123456789abcdef"[byte >> 4];
     text += "0123456789abcdef"[byte & 15];

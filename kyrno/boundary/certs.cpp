@@ -15,6 +15,7 @@
 #include "kyrno/tls/certdata.h"
 #include "kyrno/tls/certdecode.h"
 #include "kyrno/tls/rootcerts.h"
+#include "kyrno/tls/sslcontrol.h"
 
 static constexpr UI4 MODULE = 0x00000400;
 
@@ -164,6 +165,7 @@ SI4 SystemURLs(PPAA out) {
 SI4 Certs(PAA arg, PPAA out) {
   const SI4 code = CheckArgList(arg, CEMAX, CertOptionNames);
   if (code) return code;
+  const SSLUSE use;
   if (!KyrnosslLoaded()) return ERR_NO_SSL_SUPPORT;
   UI4 typeCode = 0;
   const SI4 type =
@@ -187,6 +189,7 @@ SI4 DecodeCert(PAA args, PPAA out) {
   *out = nullptr;
   const SI4 code = CheckArgList(args, CIMAX, CertInfoOptionNames);
   if (code) return code;
+  const SSLUSE use;
   if (!KyrnosslLoaded()) return ERR_NO_SSL_SUPPORT;
   return Decode(args, CIMAX, CertInfoOptionNames, CICert, CIInfo, CIApi, out);
 }

@@ -23,6 +23,7 @@
 #include "kyrno/modes/server.h"
 #include "kyrno/modes/udp.h"
 #include "kyrno/net/address.h"
+#include "kyrno/tls/sslcontrol.h"
 
 static constexpr UI4 MODULE = 0x00000010;
 
@@ -365,6 +366,7 @@ SI4 GetRanges(PAA arg, SI4 option, SI4 n, const PCH10* names, RANGES** out) {
 }
 
 PAA ASrv(ROOTSHARE& share, PAA arg) {
+  const SSLUSE use;
   WANTED w;
   SI4 code = ReadServer(share, arg, &w);
   if (!code) code = Server(share, &w);
@@ -372,6 +374,7 @@ PAA ASrv(ROOTSHARE& share, PAA arg) {
 }
 
 PAA AClt(ROOTSHARE& share, PAA arg) {
+  const SSLUSE use;
   WANTED w;
   SI4 code = ReadClient(share, arg, &w);
   if (!code) code = Client(share, &w);

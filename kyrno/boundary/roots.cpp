@@ -156,6 +156,7 @@ void RPCUnloadLibrary() {
     MUTEXHOLD hold(Guard);
     if (pRoots) return;
   }
+  if (SslIsUsed()) return;
   SslUnload();
   UnloadKyrnossl();
 }

@@ -1,6 +1,7 @@
 // sslcontrol.cpp - the start and the end of TLS in this process, and GnuTLS's own log.
 #include "kyrno/tls/sslcontrol.h"
 
+#include <atomic>
 #include <cstring>
 
 #include "kyrno/base/kyrnossl.h"
@@ -16,6 +17,7 @@ constexpr int kMaxTraceLevel = 8;
 constexpr UI4 kOwnLevels = 3;
 
 constinit bool started = false;
+constinit std::atomic<UI4> users{0};  // hand-over
 
 void LogFunction(int level, const char* text) {
   if (level < 0 || level > kMaxTraceLevel || !text) return;
@@ -45,6 +47,10 @@ void SslUnload() {
   gnutls_global_deinit();
   started = false;
 }
+
+SSLUSE::SSLUSE() { users.fetch_add(1, std::memory_order_acq_rel); }
+SSLUSE::~SSLUSE() { users.fetch_sub(1, std::memory_order_acq_rel); }
+bool SslIsUsed() { return users.load(std::memory_order_acquire) > 0; }
 
 void SslTrace(SI4 level) {
   if (!KyrnosslLoaded()) return;

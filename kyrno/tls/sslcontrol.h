@@ -9,6 +9,17 @@ void SslLoad();
 /// Before UnloadKyrnossl, when no root is left.
 void SslUnload();
 
+/// Held by a thread that calls GnuTLS outside the gate, which unloading doesn't wait for: a process
+/// that ends meanwhile keeps the support library.
+class SSLUSE {
+ public:
+  SSLUSE();
+  ~SSLUSE();
+  SSLUSE(const SSLUSE&) = delete;
+  SSLUSE& operator=(const SSLUSE&) = delete;
+};
+bool SslIsUsed();
+
 /// How much GnuTLS tells the log, 0 for nothing. From level 9 on GnuTLS writes keys: those lines
 /// never reach the log. Any thread.
 void SslTrace(SI4 level);

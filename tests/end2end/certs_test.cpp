@@ -108,12 +108,12 @@ TEST(DecodedCertificates, SayWhatOpensslSays) {
   EXPECT_EQ(Say(people.At(kSubject)),
             "C=DE,O=Gr\xC3\xB6\xC3\x9F"
             "e\\, Inc,CN=a.example");
-  for (const int name : {kIssuer, kSubject}) {
+  for (const std::uint64_t name : {std::uint64_t{kIssuer}, std::uint64_t{kSubject}}) {
     EXPECT_EQ(raw.At(name).Type(), ZType::I1);
     EXPECT_NE(der.find(raw.At(name).Bytes()), std::string::npos);
     EXPECT_EQ(raw.At(name).Bytes().substr(0, 1), "0");
   }
-  for (const int end : {0, 1}) {
+  for (const std::size_t end : {0U, 1U}) {
     const auto& [text, numbers] = LocalTime(said.at(2 + end));
     EXPECT_EQ(Say(people.At(kValidity).At(end)), text);
     EXPECT_EQ(Say(raw.At(kValidity).At(end)), numbers);
@@ -253,7 +253,7 @@ TEST(DecodeCert, AnswersLikeACertsInAnyFormOfTheBytes) {
   const std::string der = pki.Der("ca");
   const TestRoot root;
   std::vector<std::int16_t> wide;
-  for (const unsigned char byte : der) wide.push_back(byte);
+  for (const char c : der) wide.push_back(static_cast<unsigned char>(c));
   const ZValue forms[] = {Bytes(der), der, ZValue::Vector(ZType::I2, wide)};
   for (const int details : {0, 1}) {
     const ZValue expected = Args({der, Decode(root, der, details)});
