@@ -32,7 +32,8 @@ bool Visit(const TestRoot& root, const Options& options, int number) {
   if (result.Integer(0) != 0) return false;
   const std::string name = result.At(1).Text();
   for (int i = 0; i < 4; ++i) {
-    const std::string text(static_cast<std::size_t>(1 + number * 7919 % (i % 2 ? 100'000 : 50)),
+    const unsigned longest = i % 2 ? 100'000 : 50;
+    const std::string text(1 + static_cast<unsigned>(number) * 7919U % longest,
                            static_cast<char>('a' + (number + i) % 26));
     root.Send(name, text);
     if (i == 3 && number % 3 == 0) break;  // leaves before the answer
