@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <functional>
 
 #include "kyrno/annotate.h"
 #include "kyrno/modes/connection.h"
@@ -51,6 +52,8 @@ class STREAM {
     peer = -1;
     for (int i = 0; i < 8; ++i) Turn();
   }
+  /// Is shown each unit before it is delivered.
+  std::function<void(RPCOBJS*)> seen;
   /// The connection has ended without an event.
   bool IsGone() const { return !node; }
 
@@ -82,6 +85,7 @@ class STREAM {
     ROOT* const object = static_cast<ROOT*>(root.Obj());
     if (!object->Queue.PickThis(child)) return;
     RPCOBJS* const obj = child->Obj();
+    if (seen) seen(obj);
     CH1 name[kFullNameSize + 1];
     CH1 event[kEventSize];
     OBJSTATE next = SFinished;

@@ -1,7 +1,8 @@
 // websocket_fuzz.cpp - a WebSocket stream from a peer, in pieces.
 //
 // The first byte is the size of the pieces, 0 for everything at once; of the second, bit 0 makes
-// this end a client, bit 1 holds it to the RFC, bit 2 begins the close on this side.
+// this end a client, bit 1 holds it to the RFC, bit 2 begins the close on this side, bit 3 with bit
+// 1 joins the fragments of a message.
 #include "fuzz/stream.h"
 #include "kyrno/modes/websocket.h"
 
@@ -24,7 +25,8 @@ extern "C" int LLVMFuzzerTestOneInput(const UI1* data, size_t n) {
   const OBJTYPE type = data[1] & 1 ? TClient : TConnection;
   FROMSOCKET* socket = nullptr;
   STREAM stream([&](PRPCSOCK accepted) {
-    socket = new FROMSOCKET(kMaxFrame, type, data[1] & 2 ? WSStrict : 0, accepted);
+    const UI4 features = (data[1] & 2 ? WSStrict : 0) | (data[1] & 8 ? WSWhole : 0);
+    socket = new FROMSOCKET(kMaxFrame, type, features, accepted);
     return socket;
   });
   if (data[1] & 4) {

@@ -1,8 +1,4 @@
 // create.h - the commands that make servers and clients: ASrv, AClt.
-//
-// An object starts outside the gate, because looking a name up and connecting block. It is linked
-// when it works, complete with its stop list and its filters, so that no byte and no peer meets an
-// object with the wrong rules.
 #pragma once
 
 #include "kyrno/boundary/roots.h"
@@ -33,10 +29,10 @@ enum KyrnoOptions {
 };
 extern const PCH10 KyrnoOptionNames[COMAX];
 
-/// The address filter of one option, owned by the caller; null when the option is absent or lists
-/// nothing. ERR_OPTION for another shape than pairs of "ipv4" or "ipv6" and a text,
-/// ERR_INVALID_ADDR for a text that does not parse.
-[[nodiscard]] SI4 GetRanges(PAA arg, SI4 option, SI4 n, const PCH10* names, RANGES** out);
+/// The address filter of one option; none when the option is absent or lists nothing. ERR_OPTION
+/// for another shape than pairs of "ipv4" or "ipv6" and a text, ERR_INVALID_ADDR for a text that
+/// does not parse.
+[[nodiscard]] SI4 GetRanges(PAA arg, SI4 option, SI4 n, const PCH10* names, REF<RANGES>* out);
 
 PAA ASrv(ROOTSHARE& share, PAA arg);
 PAA AClt(ROOTSHARE& share, PAA arg);

@@ -59,6 +59,9 @@ SI4 RPCLoad();
 /// Closes the support library, unless roots are left.
 void RPCUnloadLibrary();
 
+/// An Init has been tried; never taken back. Hand-over.
+inline std::atomic<bool> InitTried{false};
+
 /// Makes a root and starts its work thread. 1043 when there is one of that name, which keeps its
 /// load path; else the folder of loadPath is noted.
 [[nodiscard]] SI4 CreateRoot(PCH10 name, PCH10 loadPath);

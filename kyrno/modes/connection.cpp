@@ -58,12 +58,17 @@ CONNECTION::~CONNECTION() {
   if (ownsCon) delete pCon;
 }
 
-SI4 CONNECTION::Connect(PCH10 address, PCH10 port, PROTOCOL prot, const REF<CERTDATA>& cert) {
+SI4 CONNECTION::Connect(PCH10 address, PCH10 port, PROTOCOL prot, const REF<CERTDATA>& cert,
+                        int giveUp) {
   SI4 code = 0;
-  pCon = NewSock(address, port, false, cert, prot, &code);
+  pCon = NewSock(address, port, false, cert, prot, &code, giveUp);
   if (!pCon) return code ? code : ERR_NEW_DATA_SOCKET;
   if (pCon->lError == 0) SetState(SConnected);
   return pCon->lError;
+}
+
+SOCKERR CONNECTION::SetKeepalive(UI4 time, UI4 interval) {
+  return pCon && pCon->isValid() ? pCon->SetKeepalive(time, interval) : 0;
 }
 
 CONNECTION* CONNECTION::Above(PHIERAKI item) {
@@ -164,8 +169,7 @@ SI4 CONNECTION::SetRPCProp(PHIERAKI, PCH10 name, PAA value) {
   SI4 interval = kKeepAliveInterval;
   if (VAElems(value) > 1)
     if (const SI4 second = VAGetSI4(value, 1, &interval)) return second;
-  if (!pCon || !pCon->isValid()) return 0;
-  return pCon->SetKeepalive(n, static_cast<UI4>(interval));
+  return SetKeepalive(n, static_cast<UI4>(interval));
 }
 
 SI4 CONNECTION::GetRPCProp(PCH10 name, PAA, PPAA out) {

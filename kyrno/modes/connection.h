@@ -62,8 +62,14 @@ class CONNECTION : public RPCOBJS {
   ~CONNECTION() override;
 
   /// Connects in the calling thread, which may block: outside the gate. Nobody else knows the
-  /// object yet. A null cert makes a plain connection.
-  [[nodiscard]] SI4 Connect(PCH10 address, PCH10 port, PROTOCOL prot, const REF<CERTDATA>& cert);
+  /// object yet. A null cert makes a plain connection. giveUp as RPCSOCK.
+  [[nodiscard]] SI4 Connect(PCH10 address, PCH10 port, PROTOCOL prot, const REF<CERTDATA>& cert,
+                            int giveUp = -1);
+  /// Is the peer's certificate in the collection? Without a collection everybody is. Any thread,
+  /// of a connection that is past its handshake.
+  bool IsPeerIn(PCertCollection certs) { return pCon->IsIn(certs); }
+  /// As RPCSOCK; nothing happens without a socket. Any thread, or the one that has connected.
+  SOCKERR SetKeepalive(UI4 time, UI4 interval);
 
   [[nodiscard]] SI4 Close(PHIERAKI item) override;
   [[nodiscard]] SI4 SendBuffer(PHIERAKI item, PCH1 name, PBUFFER buffer, UI4 flag) override;
@@ -108,7 +114,7 @@ class CONNECTION : public RPCOBJS {
   /// A relay takes all that comes, once nothing receives any more.
   void SetRelay(PHIERAKI relay) WORK_ONLY { phRelay = relay; }
   /// A child goes, or is told anew that the stream has ended: forgets what it has noted of it.
-  void Forget(PHIERAKI child) WORK_ONLY;
+  virtual void Forget(PHIERAKI child) WORK_ONLY;
   /// The stream has ended; a child that could not be told yet is asked again.
   void AskAgain(PHIERAKI child) WORK_ONLY;
   bool HasEnded() const WORK_ONLY { return EndTo != SDoNotChange; }

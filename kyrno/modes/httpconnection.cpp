@@ -91,7 +91,7 @@ SI4 HTTPCONNECTION::SetRPCProp(PHIERAKI root, PCH10 name, PAA value) {
   if (decode)
     SetDecodeBuffers(pItem, static_cast<UI4>(n));
   else
-    Features = static_cast<UI4>(n);
+    Features = static_cast<UI4>(n) & ~WSWhole;
   return 0;
 }
 

@@ -54,7 +54,7 @@ class HTTPCONNECTION : public CONNECTION {
   /// For pieces to come, and for those below `item` that wait.
   void SetDecodeBuffers(PHIERAKI item, UI4 decode);
 
-  WORD<UI4> Features{0};       // WSAutoUpgrade, WSReturnAccept, WSStrict
+  WORD<UI4> Features{0};       // as in websocket.h
   WORD<UI4> DecodeBuffers{0};  // Decode bits of httpmsg.h
 
  protected:

@@ -8,6 +8,8 @@ class HTTPSERVER : public SERVER {
   HTTPSERVER(UI4 maxBlockSize, OBJMODE mode) : SERVER(mode), MaxBlockSize(maxBlockSize) {}
   /// "WSFeatures" for connections to come; "DecodeBuffers" also for those that are there.
   [[nodiscard]] SI4 SetRPCProp(PHIERAKI root, PCH10 name, PAA value) override;
+  /// Those of "WSFeatures" and the internal ones. Before the object is linked.
+  void SetFeatures(UI4 features) { Features = features; }
 
  protected:
   RPCOBJS* NewConnection(PRPCSOCK socket) override WORK_ONLY;

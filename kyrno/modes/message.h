@@ -21,6 +21,9 @@ class MESSAGE : public RPCOBJS, public POOLED {
                                    PUI4* ppZ) override;
   PBUFFER GetBuffer() override { return pBuf; }
   PBUFFER Outgoing() override { return pBuf; }
+  /// Bytes of the data, which begin at GetBuffer()->Start(). Who has picked the message may take
+  /// them out with the memory around them: BUFFER::ReleaseBlock.
+  virtual UI4 DataSize() const { return pBuf->TotalSize(); }
   SI4 Check(PFDSETS sets) override WORK_ONLY;
   bool Abandon(PHIERAKI item) override WORK_ONLY;
   void Leave(PHIERAKI item) override WORK_ONLY;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "Apl/vaget.h"
 #include "kyrno/base/error.h"
@@ -53,9 +54,9 @@ void SERVER::CloseAfterFork() TSA(no_thread_safety_analysis) {
   if (pSocket && pSocket->isValid()) closesocket(pSocket->RawSocket());
 }
 
-void SERVER::SetFilters(RANGES* allow, RANGES* deny) {
-  pAllow.reset(allow);
-  pDeny.reset(deny);
+void SERVER::SetFilters(REF<RANGES> allow, REF<RANGES> deny) {
+  pAllow = std::move(allow);
+  pDeny = std::move(deny);
 }
 
 // ---- the interpreter's side

@@ -10,8 +10,6 @@
 //   socket any             Close                          SFinished       A
 #pragma once
 
-#include <memory>
-
 #include "kyrno/base/mutex.h"
 #include "kyrno/modes/stoprule.h"
 #include "kyrno/net/ranges.h"
@@ -33,8 +31,8 @@ class SERVER : public RPCOBJS {
   [[nodiscard]] SI4 Listen(PCH10 port, PCH10 address, PROTOCOL prot);
   /// Makes the server a secure one; null for a plain one. Before Listen.
   void SetCert(const REF<CERTDATA>& cert) { pCert = cert; }
-  /// Takes the filters over; null for none. Before the object is linked.
-  void SetFilters(RANGES* allow, RANGES* deny);
+  /// Whom it lets in and whom it keeps out; null for no filter. Before the object is linked.
+  void SetFilters(REF<RANGES> allow, REF<RANGES> deny);
 
   [[nodiscard]] SI4 SetRPCProp(PHIERAKI root, PCH10 name, PAA value) override;
   [[nodiscard]] SI4 GetRPCProp(PCH10 name, PAA args, PPAA out) override;
@@ -71,11 +69,11 @@ class SERVER : public RPCOBJS {
   bool Accept(PRPCSOCK listener, PHIERAKI item) WORK_ONLY;
   bool IsWelcome(PRPCSOCK socket) WORK_ONLY;
 
-  PROTOCOL Prot = PAny;                   // constant after Listen
-  PCH1 Port = nullptr;                    // owned; constant after Listen
-  PCH1 Address = nullptr;                 // owned; may be null; constant after Listen
-  REF<CERTDATA> pCert;                    // null for a plain one; constant after SetCert
-  std::unique_ptr<RANGES> pAllow, pDeny;  // constant once the object is linked
+  PROTOCOL Prot = PAny;       // constant after Listen
+  PCH1 Port = nullptr;        // owned; constant after Listen
+  PCH1 Address = nullptr;     // owned; may be null; constant after Listen
+  REF<CERTDATA> pCert;        // null for a plain one; constant after SetCert
+  REF<RANGES> pAllow, pDeny;  // constant once the object is linked
 
   MUTEX SocketLock;  // guards the pointer: an interpreter thread may look at the socket
   PRPCSOCK pSocket GUARDED_BY(SocketLock) = nullptr;  // owned

@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <utility>
 
 #include "Apl/vaget.h"
 #include "Apl/zblock.h"
@@ -112,9 +114,9 @@ SI4 UDP::Open(PRPCSOCK socket, PROTOCOL prot) {
   return 0;
 }
 
-void UDP::SetFilters(RANGES* allow, RANGES* deny) {
-  pAllow.reset(allow);
-  pDeny.reset(deny);
+void UDP::SetFilters(REF<RANGES> allow, REF<RANGES> deny) {
+  pAllow = std::move(allow);
+  pDeny = std::move(deny);
 }
 
 void UDP::CloseAfterFork() {

@@ -14,8 +14,6 @@
 // alone, with an "Error" of its own name: no peer and no network can end what serves the others.
 #pragma once
 
-#include <memory>
-
 #include "kyrno/modes/udpaddr.h"
 #include "kyrno/net/ranges.h"
 #include "kyrno/tree/rpcobjs.h"
@@ -52,8 +50,8 @@ class UDP : public RPCOBJS {
   /// the object yet.
   [[nodiscard]] SI4 Bind(PCH10 address, PCH10 port, PROTOCOL prot);
   [[nodiscard]] SI4 Init(PROTOCOL prot);
-  /// Takes the filters over; null for none. Before the object is linked.
-  void SetFilters(RANGES* allow, RANGES* deny);
+  /// Whom it lets in and whom it keeps out; null for no filter. Before the object is linked.
+  void SetFilters(REF<RANGES> allow, REF<RANGES> deny);
   /// What addresses this socket reaches.
   PROTOCOL Reaches() const { return Prot; }
 
@@ -100,11 +98,11 @@ class UDP : public RPCOBJS {
   bool Sends() const WORK_ONLY;
   void End(PHIERAKI item, SI4 code) WORK_ONLY;
 
-  const UI4 MaxBlockSize;                 // of a received datagram; a longer one is cut
-  PRPCSOCK pSocket = nullptr;             // owned; constant once the object is linked
-  PROTOCOL Prot = PAny;                   // constant once the object is linked
-  std::unique_ptr<RANGES> pAllow, pDeny;  // constant once the object is linked
-  WORD<SI4> MaxOld{0};                    // datagrams that may wait per peer; 0: no limit
+  const UI4 MaxBlockSize;      // of a received datagram; a longer one is cut
+  PRPCSOCK pSocket = nullptr;  // owned; constant once the object is linked
+  PROTOCOL Prot = PAny;        // constant once the object is linked
+  REF<RANGES> pAllow, pDeny;   // constant once the object is linked
+  WORD<SI4> MaxOld{0};         // datagrams that may wait per peer; 0: no limit
 
   PBUFFER pBuf WORK_DATA = nullptr;   // owned; null until something has come
   PHIERAKI pOut WORK_DATA = nullptr;  // borrowed; first and last to be sent

@@ -2,6 +2,7 @@
 //
 //   head --> control frame: its payload is gathered, then answered or dropped
 //        --> data frame: a WSMSG, which is read to its place, then unmasked and checked
+//        --> the next fragment of a message that is joined: behind the others in its WSMSG
 //        --> a mistake of the peer
 //
 // Deliberate, without WSStrict: reserved bits and opcodes, missing masks and masks that a server
@@ -39,16 +40,14 @@ UI1 Unfinished(const UI1* text, UI4 n) {
   return k;
 }
 
-/// A unit that is not delivered.
-void Drop(PHIERAKI child) {
-  child->Obj()->Finish();
-  RPCOBJS::RootOf(child)->Mark(child);
-}
-
 }  // namespace
 
 WEBSOCKET::WEBSOCKET(UI4 maxBlockSize, OBJTYPE type, UI4 features, PBUFFER accept)
-    : CONNECTION(type), MaxBlockSize(maxBlockSize), strict(features & WSStrict), pWSAccept(accept) {
+    : CONNECTION(type),
+      MaxBlockSize(maxBlockSize),
+      strict(features & WSStrict),
+      joins(strict && (features & WSWhole)),
+      pWSAccept(accept) {
   Mode = MWebSocket;
   SetState(accept ? SIncoming : SConnected);
 }
@@ -98,7 +97,8 @@ SI4 WEBSOCKET::HeaderBytes(PFDSETS sets, PHIERAKI item, PCH10 data, UI4 n, PUI4 
 
 SI4 WEBSOCKET::BeginFrame(PFDSETS sets, PHIERAKI item, const WSHEAD& head) {
   if (strict) {
-    if (const UI2 fault = HeadFault(head, Type == TConnection, lastOpcode != 0, MaxBlockSize))
+    const UI4 most = MaxBlockSize - (phJoined ? JoinedUnit()->Size() : 0);
+    if (const UI2 fault = HeadFault(head, Type == TConnection, lastOpcode != 0, most))
       return Fail(item, fault);
   } else if (head.length > MaxBlockSize) {
     return ERR_MAX_BLOCK_SIZE;
@@ -122,31 +122,63 @@ SI4 WEBSOCKET::BeginFrame(PFDSETS sets, PHIERAKI item, const WSHEAD& head) {
 // ---- data frames
 
 SI4 WEBSOCKET::BeginUnit(PFDSETS sets, PHIERAKI item, const WSHEAD& head) {
+  if (joins && head.opcode == WSCont) return ContinueUnit(sets, head);
   const bool text = lastOpcode == WSText;
   if (head.opcode != WSCont) check.Begin();
   const UI8 total = head.length + splitSize;
   if (total > UINT32_MAX) return ERR_MEMORY_ALLOC;
   const UI4 size = static_cast<UI4>(total);
-  std::unique_ptr<BUFFER> body(new (std::nothrow) BUFFER(WSMSG::Place(size), size));
+  // How long a joined message becomes is not known yet: it has no place.
+  const bool grows = joins && !head.fin;
+  const BLOCKPLACE place = grows ? BLOCKPLACE{0, 0, 0} : WSMSG::Place(size);
+  std::unique_ptr<BUFFER> body(new (std::nothrow) BUFFER(place, size));
   if (!body || body->lError) return ERR_MEMORY_ALLOC;
   body->Append(reinterpret_cast<PCH10>(split), splitSize);
   splitSize = 0;
   if (strict && head.fin) lastOpcode = 0;
 
+  WSHEAD told = head;
+  told.fin = head.fin || joins;
   std::unique_ptr<WSMSG> unit(new (std::nothrow)
-                                  WSMSG(body.get(), SReceiving, head, text, sets->now));
+                                  WSMSG(body.get(), SReceiving, told, text, sets->now));
   if (!unit) return ERR_MEMORY_ALLOC;
   PBUFFER const buffer = body.release();
   unit->Mode = OBJMODE{Mode};
   CH1 name[kMaxName];
-  UnitName(name, head, Count++);
+  UnitName(name, told, Count++);
   PHIERAKI const child = item->AddNew(name, unit.get());
   if (!child) return ERR_NAME_IN_USE;
   (void)unit.release();
   UnitAdded();
+  if (grows) phJoined = child;
   if (buffer->Complete()) return ReadComplete(sets, child);
   Receive(child, buffer);
   return 0;
+}
+
+SI4 WEBSOCKET::ContinueUnit(PFDSETS sets, const WSHEAD& head) {
+  if (head.fin) lastOpcode = 0;
+  const UI4 n = static_cast<UI4>(head.length);
+  if (!phJoined) {  // its unit has been closed
+    SkipBytes(n);
+    return 0;
+  }
+  if (const SI4 code = JoinedUnit()->Continue(head, MaxBlockSize)) return code;
+  if (n == 0) return ReadComplete(sets, phJoined);
+  Receive(phJoined, phJoined->Obj()->GetBuffer());
+  return 0;
+}
+
+/// A unit that is not delivered.
+void WEBSOCKET::Drop(PHIERAKI child) {
+  Forget(child);
+  child->Obj()->Finish();
+  RootOf(child)->Mark(child);
+}
+
+void WEBSOCKET::Forget(PHIERAKI child) {
+  if (child == phJoined) phJoined = nullptr;
+  CONNECTION::Forget(child);
 }
 
 SI4 WEBSOCKET::ReadRecv(PFDSETS, PHIERAKI child) {
@@ -155,7 +187,6 @@ SI4 WEBSOCKET::ReadRecv(PFDSETS, PHIERAKI child) {
   UI4 n = 0;
   const UI1* const fresh = unit->MaskBuf(child, &n);
   if (n == 0 || check.Feed(fresh, n)) return 0;
-  Forget(child);
   Drop(child);
   return Fail(child->Parent(), WSBadText);
 }
@@ -168,6 +199,8 @@ SI4 WEBSOCKET::ReadComplete(PFDSETS sets, PHIERAKI child) {
     Drop(child);
     return Fail(child->Parent(), WSBadText);
   }
+  if (GoesOn()) return 0;
+  phJoined = nullptr;
   LOG(4, ("WS msg %d size %u", unit->Opcode, unit->Size()));
   unit->MakeReady(child, SAPL, sets->now);
   return 0;
@@ -177,6 +210,7 @@ SI4 WEBSOCKET::ReadComplete(PFDSETS sets, PHIERAKI child) {
 bool WEBSOCKET::TakeText(WSMSG* unit, const UI1* fresh, UI4 n) {
   if (!strict) return unit->Measure();
   if (n > 0 && !check.Feed(fresh, n)) return false;
+  if (GoesOn()) return true;
   if (!check.IsWhole()) {
     if (unit->Fin) return false;
     splitSize = Unfinished(unit->Bytes(), unit->Size());

@@ -27,6 +27,9 @@
 inline constexpr UI4 WSAutoUpgrade = 1;
 inline constexpr UI4 WSReturnAccept = 2;
 inline constexpr UI4 WSStrict = 4;
+/// Not for applications, and only together with WSStrict: the fragments of a message are joined to
+/// one unit of at most MaxBlockSize bytes.
+inline constexpr UI4 WSWhole = 0x100;
 
 /// Owner and threads as CONNECTION. It takes the stream over from the HTTPCONNECTION that had its
 /// node before: ROOT::Replace.
@@ -47,7 +50,7 @@ class WEBSOCKET : public CONNECTION {
   /// (data, fin, opcode if it is to be another): one frame. What it says of a message under way
   /// holds once SendZ has queued it.
   [[nodiscard]] SI4 ComposeBuffer(PUI4 z, UI4 size, PBUFFER* out) override;
-  /// One whole text message. ERR_FILE with a file.
+  /// One whole text message. ERR_FILE with a file, ERR_UTF8 for other text when it is strict.
   [[nodiscard]] SI4 ComposeBuffer(PUI1 data, UI4 n, int file, PBUFFER* out) override;
   [[nodiscard]] SI4 SendBuffer(PHIERAKI item, PCH1 name, PBUFFER buffer, UI4 flag) override;
 
@@ -62,6 +65,7 @@ class WEBSOCKET : public CONNECTION {
   bool Lingers() const override WORK_ONLY;
   bool IsSettled(PHIERAKI item) override WORK_ONLY;
   void Send(PHIERAKI child) override WORK_ONLY;
+  void Forget(PHIERAKI child) override WORK_ONLY;
 
  protected:
   PBUFFER NewHeader() override WORK_ONLY;
@@ -75,6 +79,11 @@ class WEBSOCKET : public CONNECTION {
   struct FRAME;
   SI4 BeginFrame(PFDSETS sets, PHIERAKI item, const WSHEAD& head) WORK_ONLY;
   SI4 BeginUnit(PFDSETS sets, PHIERAKI item, const WSHEAD& head) WORK_ONLY;
+  SI4 ContinueUnit(PFDSETS sets, const WSHEAD& head) WORK_ONLY;
+  /// The frame that comes in, or came last, belongs to a message that is joined and goes on.
+  bool GoesOn() const WORK_ONLY { return joins && lastOpcode != 0; }
+  WSMSG* JoinedUnit() const WORK_ONLY { return static_cast<WSMSG*>(phJoined->Obj()); }
+  void Drop(PHIERAKI child) WORK_ONLY;
   bool TakeText(WSMSG* unit, const UI1* fresh, UI4 n) WORK_ONLY;
   SI4 ControlBytes(PHIERAKI item, PCH10 data, UI4 n, PUI4 used) WORK_ONLY;
   SI4 ControlComplete(PHIERAKI item) WORK_ONLY;
@@ -99,8 +108,9 @@ class WEBSOCKET : public CONNECTION {
   void HandshakeOver(PHIERAKI item) WORK_ONLY;
   void EndLinger(PHIERAKI item) WORK_ONLY;
 
-  const UI4 MaxBlockSize;  // of one frame's payload
+  const UI4 MaxBlockSize;  // of one frame's payload, or of the message that is joined
   const bool strict;
+  const bool joins;
   PBUFFER pWSAccept;                // owned; handed over once
   std::atomic<UI4> cntOwn{0};       // tally: names of frames of its own
   std::atomic<UI1> firstOpcode{0};  // tally: of the message that is being sent in fragments, or 0
@@ -124,6 +134,7 @@ class WEBSOCKET : public CONNECTION {
   CH1 controlData[kMaxControl] WORK_DATA = {};
   PBUFFER pPong WORK_DATA = nullptr;  // owned; the answer that waits because so much else does
   UTF8CHECK check WORK_DATA;
+  PHIERAKI phJoined WORK_DATA = nullptr;  // borrowed; in SReceiving while fragments are to come
   // Strict: the beginning of a character that goes on in the next frame.
   UI1 split[3] WORK_DATA = {};
   UI1 splitSize WORK_DATA = 0;

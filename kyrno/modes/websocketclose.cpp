@@ -166,6 +166,7 @@ SI4 WEBSOCKET::PassiveClose(PFDSETS sets, PHIERAKI item) {
 SI4 WEBSOCKET::Fail(PHIERAKI item, UI2 code) {
   LOG(1, ("%s: peer's mistake %d", item->GetName(), code));
   failed = ErrorOfClose(code);
+  if (phJoined) Drop(phJoined);
   if (!closing.exchange(true, std::memory_order_acq_rel)) {
     closeDue = Micros() + kDrainMicros;
     return QueueOwn(item, NewClose(code), true);

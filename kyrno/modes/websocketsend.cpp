@@ -225,6 +225,7 @@ SI4 WEBSOCKET::ComposeBuffer(PUI1 data, UI4 n, int file, PBUFFER* out) {
   *out = nullptr;
   const FDHOLD owned(file);
   if (file != -1) return ERR_FILE;
+  if (strict && !IsUtf8(reinterpret_cast<PCH10>(data), n)) return ERR_UTF8;
   *out = NewFrame(WSText, reinterpret_cast<PCH10>(data), n);
   return *out ? 0 : ERR_MEMORY_ALLOC;
 }

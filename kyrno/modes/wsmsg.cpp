@@ -58,6 +58,21 @@ const UI1* WSMSG::MaskBuf(PHIERAKI item, PUI4 n) {
   return reinterpret_cast<const UI1*>(fresh);
 }
 
+SI4 WSMSG::Continue(const WSHEAD& head, UI4 most) {
+  memcpy(&Mask, head.mask, kMaskSize);
+  const UI4 n = static_cast<UI4>(head.length);
+  if (n == 0) return 0;
+  // The memory doubles with what has come, so that a message in very many fragments is not copied
+  // for each of them, and what is only claimed gets no more than in a single frame.
+  const UI8 step = std::bit_ceil(UI8{size} + 1);
+  pBuf->Resize(static_cast<UI4>(std::clamp<UI8>(step, UI8{size} + n, most)));
+  if (pBuf->lError) return pBuf->lError;
+  if (const SI4 code = pBuf->Reserve(size + 1)) return code;
+  size += n;
+  pBuf->Resize(size);
+  return pBuf->lError;
+}
+
 bool WSMSG::Measure() {
   const UI1* at = Bytes();
   size_t left = size;

@@ -1,4 +1,5 @@
-// wsmsg.h - one data frame of a WebSocket on its way to the application.
+// wsmsg.h - one data frame of a WebSocket on its way to the application, or a message whose
+// fragments are joined.
 //
 //   |- lead -|---- own bytes of the frame ----|
 //   |---------------- size -----------|- cut -|
@@ -25,10 +26,14 @@ class WSMSG : public MESSAGE {
   /// one-byte integers.
   [[nodiscard]] SI4 GetWaitReturns(PHIERAKI item, PCH1 objname, PCH1 event, OBJSTATE* next,
                                    PUI4* ppZ) override;
+  UI4 DataSize() const override { return size; }
   void Leave(PHIERAKI item) override WORK_ONLY;
   /// Takes the peer's mask off what has come since the last time; *n bytes of it. A client never
   /// unmasks.
   const UI1* MaskBuf(PHIERAKI item, PUI4 n) WORK_ONLY;
+  /// The next frame of the same message, not above `most` bytes together, is received behind what
+  /// has come. Not for a buffer with a place.
+  [[nodiscard]] SI4 Continue(const WSHEAD& head, UI4 most) WORK_ONLY;
   /// Sets the last bytes aside, of a frame that is whole.
   void Cut(UI4 bytes) WORK_ONLY { size -= bytes; }
   /// Counts the characters of the text; false when it is not UTF-8.
@@ -38,7 +43,7 @@ class WSMSG : public MESSAGE {
 
   const bool Text;  // belongs to a text message
   const bool Fin;
-  const UI1 Opcode;  // of this frame
+  const UI1 Opcode;  // of this frame, or the first of those which are joined
 
  private:
   SI4 PutText(PCH1 to, VATYPES type) const;

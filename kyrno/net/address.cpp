@@ -100,14 +100,15 @@ int Bind(SOCKET sock, const addrinfo& to, PROTOCOL prot) {
   return bind(sock, to.ai_addr, to.ai_addrlen) == 0 ? 0 : errno;
 }
 
-int Connect(SOCKET sock, const addrinfo& to) {
+int Connect(SOCKET sock, const addrinfo& to, int giveUp) {
   if (connect(sock, to.ai_addr, to.ai_addrlen) != 0) {
-    if (errno != EINTR) return errno;
+    if (errno != EINTR && errno != EINPROGRESS) return errno;
     // The attempt goes on by itself; a second connect would only be told so.
-    pollfd writable{sock, POLLOUT, 0};
-    while (poll(&writable, 1, -1) < 0) {
+    pollfd wait[] = {{sock, POLLOUT, 0}, {giveUp, POLLIN, 0}};  // poll passes over a giveUp of -1
+    while (poll(wait, 2, -1) < 0) {
       if (errno != EINTR) return errno;
     }
+    if (wait[1].revents) return ECANCELED;
     int error = 0;
     socklen_t size = sizeof error;
     if (getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &size) != 0) return errno;
@@ -117,23 +118,25 @@ int Connect(SOCKET sock, const addrinfo& to) {
   return 0;
 }
 
-// The first address that can be bound or connected. 0, the resolver's code, the last address's
-// errno, or ERR_NEW_DATA_SOCKET when for the last one there was not even a socket.
+// The first address that can be bound or connected. 0, the resolver's code, ECANCELED when it was
+// given up, the last address's errno, or ERR_NEW_DATA_SOCKET when for the last one there was not
+// even a socket.
 int TryAddresses(SOCKET* out, PCH10 name, PCH10 service, const addrinfo& hints, PROTOCOL prot,
-                 bool server) {
+                 bool server, int giveUp) {
   ADDRHOLD found;
   if (const int error = found.Find(name, service, hints)) return error;
 
+  const int flags = SOCK_CLOEXEC | (giveUp < 0 ? 0 : SOCK_NONBLOCK);
   int error = ERR_NEW_DATA_SOCKET;
-  for (const addrinfo* at = found.First(); at; at = at->ai_next) {
+  for (const addrinfo* at = found.First(); at && error != ECANCELED; at = at->ai_next) {
     LOG(7, ("CreateSocket trying family %d type %d protocol %d ", at->ai_family, at->ai_socktype,
             at->ai_protocol));
-    FDHOLD sock(socket(at->ai_family, at->ai_socktype | SOCK_CLOEXEC, at->ai_protocol));
+    FDHOLD sock(socket(at->ai_family, at->ai_socktype | flags, at->ai_protocol));
     if (!sock) {
       error = ERR_NEW_DATA_SOCKET;
       continue;
     }
-    error = server ? Bind(sock.Get(), *at, prot) : Connect(sock.Get(), *at);
+    error = server ? Bind(sock.Get(), *at, prot) : Connect(sock.Get(), *at, giveUp);
     if (error) continue;
     *out = sock.Release();
     LOG(6, ("New Socket %d ", *out));
@@ -205,23 +208,25 @@ SI4 MakeEnd(FDHOLD* fd, std::unique_ptr<RPCSOCK>* out) {
 
 }  // namespace
 
-SI4 CreateSocketNew(SOCKET* out, PCH10 name, PCH10 service, int type, PROTOCOL prot, bool server) {
+SI4 CreateSocketNew(SOCKET* out, PCH10 name, PCH10 service, int type, PROTOCOL prot, bool server,
+                    int giveUp) {
   LOG(1, ("CreateSocket"));
   *out = INVALID_SOCKET;
   if (!server) {
     if (type == SOCK_DGRAM) return DatagramClient(out, prot);
     if (name && !*name) name = nullptr;
-    return Mapped(TryAddresses(out, name, service, Hints(FamilyOf(prot), type, 0, 0), prot, false));
+    const addrinfo hints = Hints(FamilyOf(prot), type, 0, 0);
+    return Mapped(TryAddresses(out, name, service, hints, prot, false, giveUp));
   }
 
   if (name && strcmp(name, "*") == 0) name = nullptr;
   const bool both = prot == PAny && IPV6Available.load(std::memory_order_relaxed);
   addrinfo hints =
       Hints(both ? AF_INET6 : FamilyOf(prot), type, 0, AI_PASSIVE | AI_V4MAPPED | AI_ALL);
-  int error = TryAddresses(out, name, service, hints, prot, true);
+  int error = TryAddresses(out, name, service, hints, prot, true, -1);
   if (both && error == ERR_NEW_DATA_SOCKET) {
     hints.ai_family = AF_INET;
-    error = TryAddresses(out, name, service, hints, prot, true);
+    error = TryAddresses(out, name, service, hints, prot, true, -1);
   }
   return Mapped(error);
 }

@@ -11,11 +11,12 @@
 /// Whether this machine has IPv6; found out by RPCSockPair, never set back.
 inline std::atomic<bool> IPV6Available{true};
 
-/// A bound or connected socket, blocking. type is SOCK_STREAM or SOCK_DGRAM; a datagram client is
-/// neither bound nor connected. A server's name "*" is the any-address. Known failures have codes,
-/// others are the resolver's or the system's number unchanged; never 0 without a socket.
+/// A bound or connected socket, blocking unless the connect could be given up. type is SOCK_STREAM
+/// or SOCK_DGRAM; a datagram client is neither bound nor connected. A server's name "*" is the
+/// any-address. giveUp as RPCSOCK. Known failures have codes, others are the resolver's or the
+/// system's number unchanged; never 0 without a socket.
 [[nodiscard]] SI4 CreateSocketNew(SOCKET* out, PCH10 name, PCH10 service, int type, PROTOCOL prot,
-                                  bool server);
+                                  bool server, int giveUp = -1);
 
 /// The first address of a name and a service. Failures are the system's number as it is, or
 /// ERR_INVALID_HOST when it left none; *addr is zeroed then.

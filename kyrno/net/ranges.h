@@ -2,15 +2,15 @@
 #pragma once
 
 #include "kyrno/net/socket.h"
+#include "util/ref.h"
 
-/// Owner:   a server. Loaded once, before anybody reads it, and not changed afterwards.
+/// Owner:   the servers that filter by it. Loaded once, before anybody reads it, and not changed
+///          afterwards.
 /// Threads: any may ask IsValid.
-class RANGES {
+class RANGES : public COUNTED {
  public:
   RANGES() = default;
-  ~RANGES();
-  RANGES(const RANGES&) = delete;
-  RANGES& operator=(const RANGES&) = delete;
+  ~RANGES() override;
 
   /// Load one family from addresses with optional "/bits", separated by ',' and no blanks. An empty
   /// text, or null, leaves an empty list. So does a text that does not parse, with

@@ -167,9 +167,9 @@ void SockErrLog(int error, PCH10 function) {
 
 RPCSOCK::RPCSOCK(SOCKET adopted) { Adopt(adopted); }
 
-RPCSOCK::RPCSOCK(PCH10 name, PCH10 service, bool server, PROTOCOL prot, int type) {
+RPCSOCK::RPCSOCK(PCH10 name, PCH10 service, bool server, PROTOCOL prot, int type, int giveUp) {
   SOCKET made = INVALID_SOCKET;
-  lError = CreateSocketNew(&made, name, service, type, prot, server);
+  lError = CreateSocketNew(&made, name, service, type, prot, server, giveUp);
   if (lError) return;
   Adopt(made);
   if (lError || !server || type != SOCK_STREAM) return;

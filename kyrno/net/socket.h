@@ -121,8 +121,10 @@ class RPCSOCK {
   /// Adopts an open descriptor. A negative one leaves ERR_NEW_DATA_SOCKET.
   explicit RPCSOCK(SOCKET adopted);
   /// Connects, and blocks for it, or listens, or makes a datagram socket. type is SOCK_STREAM or
-  /// SOCK_DGRAM.
-  RPCSOCK(PCH10 name, PCH10 service, bool server, PROTOCOL prot, int type);
+  /// SOCK_DGRAM. giveUp is a descriptor, the caller's: once it is readable a connect that goes on
+  /// ends with ECANCELED, without a try of further addresses; -1 for none. The resolver is not
+  /// interrupted.
+  RPCSOCK(PCH10 name, PCH10 service, bool server, PROTOCOL prot, int type, int giveUp = -1);
   virtual ~RPCSOCK();
   RPCSOCK(const RPCSOCK&) = delete;
   RPCSOCK& operator=(const RPCSOCK&) = delete;

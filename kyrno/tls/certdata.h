@@ -116,7 +116,8 @@ class CERTDATA : public COUNTED {
   std::atomic<UI4> flagOption{0};  // tally; CERTFLAGS. A server's accepts add to it
   /// The first status of a peer that wasn't 0, for the program to read; 0 for none. A client's.
   UI4 firstStatus = 0;
-  /// A server that pauses leaves its credentials here for the next listener.
+  /// What every socket from now on shakes hands with: made ahead, or left here by a server that
+  /// pauses for the next listener.
   REF<TLSCREDENTIALS> saved;
 
  private:

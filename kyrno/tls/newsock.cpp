@@ -8,13 +8,14 @@
 #include "kyrno/tls/securesocket.h"
 
 PRPCSOCK NewSock(PCH10 name, PCH10 service, bool server, const REF<CERTDATA>& cert, PROTOCOL prot,
-                 PSI4 error) {
+                 PSI4 error, int giveUp) {
   if (cert && !KyrnosslLoaded()) {
     *error = ERR_NO_SSL_SUPPORT;
     return nullptr;
   }
-  const PRPCSOCK made = cert ? new (std::nothrow) RPCSECURE(name, service, server, prot, cert)
-                             : new (std::nothrow) RPCSOCK(name, service, server, prot, SOCK_STREAM);
+  const PRPCSOCK made =
+      cert ? new (std::nothrow) RPCSECURE(name, service, server, prot, cert, giveUp)
+           : new (std::nothrow) RPCSOCK(name, service, server, prot, SOCK_STREAM, giveUp);
   *error = made ? made->lError : ERR_MEMORY_ALLOC;
   return made;
 }

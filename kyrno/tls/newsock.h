@@ -6,6 +6,6 @@
 
 /// A plain socket, or with a certificate a secure one; blocks as their constructors do. The caller
 /// owns the result and tests *error, which is the socket's lError; null without memory, and with
-/// ERR_NO_SSL_SUPPORT without the support library.
+/// ERR_NO_SSL_SUPPORT without the support library. giveUp as RPCSOCK.
 PRPCSOCK NewSock(PCH10 name, PCH10 service, bool server, const REF<CERTDATA>& cert, PROTOCOL prot,
-                 PSI4 error);
+                 PSI4 error, int giveUp = -1);

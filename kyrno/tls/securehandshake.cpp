@@ -68,6 +68,13 @@ gnutls_datum_t HashAddress(PCH10 address, PCH10 service, const CERTDATA& cert, U
   return {nullptr, 0};
 }
 
+/// Those that were kept for all sockets of this certificate data, or new ones.
+SI4 FindCredentials(CERTDATA* cert, bool server, REF<TLSCREDENTIALS>* out) {
+  if (!cert->saved) return TLSCREDENTIALS::Make(cert, server, out);
+  *out = cert->saved;
+  return 0;
+}
+
 /// Called by GnuTLS for each message, before it does what that asks for: with the first that comes
 /// behind the peer's certificates nothing was done with their key yet.
 int RefuseHugeKey(gnutls_session_t session, unsigned int, unsigned int, unsigned int isReceived,
@@ -89,8 +96,8 @@ int RefuseHugeKey(gnutls_session_t session, unsigned int, unsigned int, unsigned
 }  // namespace
 
 RPCSECURE::RPCSECURE(PCH10 name, PCH10 service, bool server, PROTOCOL prot,
-                     const REF<CERTDATA>& cert)
-    : RPCSOCK(name, service, server, prot, SOCK_STREAM), IsClient(!server), pCert(cert) {
+                     const REF<CERTDATA>& cert, int giveUp)
+    : RPCSOCK(name, service, server, prot, SOCK_STREAM, giveUp), IsClient(!server), pCert(cert) {
   if (name) Address.reset(strdup(name));
   if (name && !Address) {
     lError = ERR_MEMORY_ALLOC;
@@ -102,7 +109,7 @@ RPCSECURE::RPCSECURE(PCH10 name, PCH10 service, bool server, PROTOCOL prot,
   }
   // Deliberate: a client that could not connect is told that its handshake failed; why is in the
   // log.
-  lError = lError ? ERR_TLSHANDSHAKE : InitClt(service);
+  lError = lError ? ERR_TLSHANDSHAKE : InitClt(service, giveUp);
   if (lError && lError != ERR_HANDSHAKE_NOT_COMPLETED && isValid()) (void)Shutdown();
 }
 
@@ -116,19 +123,15 @@ RPCSECURE::RPCSECURE(SOCKET adopted, const RPCSECURE& listener)
 
 SI4 RPCSECURE::InitSrv() {
   LOG(1, ("RPCSECURE::InitSrv thread "));
-  if (pCert->saved) {
-    pCredentials = pCert->saved;
-    return 0;
-  }
-  const SI4 code = TLSCREDENTIALS::Make(pCert.Get(), true, &pCredentials);
+  const SI4 code = FindCredentials(pCert.Get(), true, &pCredentials);
   LOG(2, ("RPCSECURE::InitSrv checkpoint %d %d", 1, code));
   return code;
 }
 
-SI4 RPCSECURE::InitClt(PCH10 service) {
+SI4 RPCSECURE::InitClt(PCH10 service, int giveUp) {
   LOG(1, ("RPCSECURE::InitClt thread "));
   hash = HashAddress(Address.get(), service, *pCert, pCert->flagOption);
-  SI4 code = TLSCREDENTIALS::Make(pCert.Get(), false, &pCredentials);
+  SI4 code = FindCredentials(pCert.Get(), false, &pCredentials);
   LOG(2, ("RPCSECURE::InitClt checkpoint %d %d", 1, code));
   if (code) return code;
   int result = gnutls_init(&session, GNUTLS_CLIENT | GNUTLS_NO_SIGNAL);
@@ -144,7 +147,7 @@ SI4 RPCSECURE::InitClt(PCH10 service) {
     result = gnutls_server_name_set(session, GNUTLS_NAME_DNS, Address.get(), strlen(Address.get()));
   LOG(2, ("RPCSECURE::InitClt checkpoint %d %d", 3, result));
   pipe.Attach(session, RawSocket());
-  return WaitForHandshake();
+  return WaitForHandshake(giveUp);
 }
 
 SI4 RPCSECURE::InitCon() {
@@ -186,15 +189,17 @@ void RPCSECURE::ResumeFromCache() {
 }
 
 /// A client's, which waits for its peer and for nothing else.
-SI4 RPCSECURE::WaitForHandshake() {
+SI4 RPCSECURE::WaitForHandshake(int giveUp) {
   const F8 until = Micros() + kClientMicros;
   for (;;) {
     const SI4 code = Handshake(true);
     const F8 left = until - Micros();
     if (code != ERR_HANDSHAKE_NOT_COMPLETED || left <= 0) return code;
     LOG(5, ("RPCSECURE::Handshake sleeping : thread "));
-    pollfd wait = {RawSocket(), static_cast<short>(POLLIN | (pipe.HasUnsent() ? POLLOUT : 0)), 0};
-    (void)poll(&wait, 1, static_cast<int>(std::ceil(left / 1e3)));
+    const short events = static_cast<short>(POLLIN | (pipe.HasUnsent() ? POLLOUT : 0));
+    pollfd wait[] = {{RawSocket(), events, 0}, {giveUp, POLLIN, 0}};
+    (void)poll(wait, 2, static_cast<int>(std::ceil(left / 1e3)));
+    if (wait[1].revents) return ERR_TLSHANDSHAKE;  // given up
   }
 }
 

@@ -27,8 +27,10 @@
 ///          ERR_COULD_NOT_LOAD_CERTIFICATE_FILES, ERR_INITIALISING_TLS, a listener's own codes.
 class RPCSECURE final : public RPCSOCK {
  public:
-  /// A client, or a listener.
-  RPCSECURE(PCH10 name, PCH10 service, bool server, PROTOCOL prot, const REF<CERTDATA>& cert);
+  /// A client, or a listener. giveUp as RPCSOCK; a client's handshake ends by it too, and either
+  /// with ERR_TLSHANDSHAKE.
+  RPCSECURE(PCH10 name, PCH10 service, bool server, PROTOCOL prot, const REF<CERTDATA>& cert,
+            int giveUp = -1);
   /// Accepted by a listener.
   RPCSECURE(SOCKET adopted, const RPCSECURE& listener);
   ~RPCSECURE() override;
@@ -53,11 +55,11 @@ class RPCSECURE final : public RPCSOCK {
 
  private:
   SI4 InitSrv();
-  SI4 InitClt(PCH10 service);
+  SI4 InitClt(PCH10 service, int giveUp);
   SI4 InitCon();
   void WantClientCert();
   void ResumeFromCache();
-  SI4 WaitForHandshake();
+  SI4 WaitForHandshake(int giveUp);
   bool VerifyCertificate();
   SI4 ListPeerCerts(const gnutls_datum_t* list, unsigned int count);
   void KeepSession();

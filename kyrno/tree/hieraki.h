@@ -143,6 +143,7 @@ class HIERAKI : public RETIRED, public POOLED {
   TIMER Timer WORK_DATA{this};            // time limit of the object, see timers.h
   PHIERAKI pNextDue WORK_DATA = nullptr;  // of the nodes that are to have their turn, see work.h
   bool isDue WORK_DATA = false;
+  PHIERAKI pNextTold WORK_DATA = nullptr;     // of those whose callback is due; the last has itself
   std::atomic<THREADSEM*> pWaiting{nullptr};  // borrowed; written under the lock of the wait pool
   /// The ready queue of the root above; null in a tree without a root. Constant once linked.
   READYQUEUE* pQueue = nullptr;

@@ -100,6 +100,8 @@ class ROOT : public RPCOBJS {
   /// Only the work thread may do what this node needs now: to free a socket, which a wait that has
   /// just ended may have brought.
   void LeaveToWorkThread(PHIERAKI node) WORK_ONLY;
+  /// On a root that works out of stream: this node's callback is called at the end of the turn.
+  void Tell(PHIERAKI node) WORK_ONLY;
   /// Unlinks a finished node with all below it and retires it.
   void TakeOut(PHIERAKI node) WORK_ONLY;
   /// Puts another object, which the node then owns, in the place of the one that is there: its
@@ -166,6 +168,7 @@ class ROOT : public RPCOBJS {
   void LookAt(PHIERAKI node) WORK_ONLY;
   void LookAtAll(PHIERAKI node) WORK_ONLY;
   void RunDue() WORK_ONLY;
+  void CallBack() WORK_ONLY;
   bool Collect() WORK_ONLY;
   void Forget() WORK_ONLY;
   void Housekeeping() WORK_ONLY;
@@ -187,6 +190,8 @@ class ROOT : public RPCOBJS {
       nullptr;  // borrowed; touched, taken off the list, not looked at yet
   // Connections and the root go first, so that a server accepts after they have been served.
   PHIERAKI pDue[2] WORK_DATA = {nullptr, nullptr};  // borrowed; the last of a ring
+  PHIERAKI pTold WORK_DATA = nullptr;  // borrowed; first and last whose callback is due
+  PHIERAKI pToldLast WORK_DATA = nullptr;
   TIMERS Timers WORK_DATA;
   PCH1 pReadAhead WORK_DATA = nullptr;  // owned
   UI4 retired WORK_DATA = 0;            // nodes since the last Collect

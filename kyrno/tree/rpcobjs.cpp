@@ -190,11 +190,8 @@ void RPCOBJS::SettleReady(PHIERAKI item, OBJSTATE seized, OBJSTATE ready, F8 now
 void RPCOBJS::Ready4Apl(PHIERAKI item) {
   ROOT* const root = RootOf(item);
   if (root->UseFnsReady < 0) {
-    PHIERAKI owner = item;
-    while (owner->Obj()->Type != TClient && owner->Obj()->Type != TConnection &&
-           owner->Obj()->Type != TRoot)
-      owner = owner->Parent();
-    if (TPOOSFN const fn = owner->Obj()->Callback()) fn(item);
+    AssumeWorkThread();  // nobody else makes anything ready on such a root
+    root->Tell(item);
     return;
   }
   // Only servers have an order of arrival.

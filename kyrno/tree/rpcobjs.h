@@ -113,7 +113,9 @@ using PFDSETS = FDSETS*;
 
 class ROOT;
 
-/// A callback instead of a wake-up, on roots that work out of stream.
+/// A callback instead of a wake-up, on roots that work out of stream: of the nearest client or
+/// connection, for what became ready there or below. On the work thread, between two parts of its
+/// turn, with no lock held and not in its role.
 using TPOOSFN = void (*)(PHIERAKI item);
 
 /// Owner:   its node; before that, whoever made it.

@@ -75,6 +75,7 @@ void ROOT::Turn(SI4 brought) {
   if (lookAtAll.exchange(false, std::memory_order_seq_cst)) LookAtAll(pItem);
   TakeTouched();
   RunDue();
+  CallBack();
 
   if (Collect()) Sets.ss.WakeAt(now + kCollectMicros);
   if (pPending || pDue[0] || pDue[1]) Sets.ss.WakeAt(1);
@@ -168,6 +169,31 @@ void ROOT::RunDue() {
       }
       if (node == last) break;
     }
+  }
+}
+
+void ROOT::Tell(PHIERAKI node) {
+  if (node->pNextTold) return;  // it is asked what it has become, not what it was
+  node->pNextTold = node;
+  (pTold ? pToldLast->pNextTold : pTold) = node;
+  pToldLast = node;
+}
+
+/// Before anything is freed: what is unlinked by now is still there.
+void ROOT::CallBack() {
+  while (PHIERAKI const node = pTold) {
+    pTold = node == pToldLast ? nullptr : node->pNextTold;
+    node->pNextTold = nullptr;
+    if (!node->IsLinked()) continue;
+    PHIERAKI owner = node;
+    while (owner->Obj()->Type != TClient && owner->Obj()->Type != TConnection &&
+           owner->Obj()->Type != TRoot)
+      owner = owner->Parent();
+    TPOOSFN const fn = owner->Obj()->Callback();
+    if (!fn) continue;
+    GiveRole();
+    fn(node);
+    Role.Take();
   }
 }
 

@@ -3,18 +3,16 @@
 //
 // One turn:
 //
-//   what the last wait has brought, what falls due          nodes with a socket become due
-//   what was touched                TakeTouched             children tell their connection what
-//   they
-//                                                           want, finished nodes are unlinked, and
-//                                                           the node with a socket above becomes
-//                                                           due
-//   what is due                     RunDue                  Setinfo, Execute: reads, writes,
-//   accepts;
-//                                                           Check: says what the socket is to wait
-//                                                           for
-//   what nobody can look at         Collect                 is freed
-//   the wait                        Sleep, outside the role
+//   what the wait has brought,      MakeDue      nodes with a socket become due
+//   what falls due
+//   what was touched                TakeTouched  children tell their connection what they want,
+//                                                finished nodes are unlinked, and the node with a
+//                                                socket above becomes due
+//   what is due                     RunDue       Setinfo, Execute: reads, writes, accepts;
+//                                                Check: says what the socket is to wait for
+//   what has become ready           CallBack     on roots that work out of stream
+//   what nobody can look at         Collect      is freed
+//   the wait                        Sleep        outside the role
 //
 // Nodes with a socket: TRoot, TServer, TClient, TConnection, TUdp.
 #pragma once

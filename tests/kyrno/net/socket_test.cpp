@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
+#include <sys/timerfd.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -291,6 +292,41 @@ TEST_F(Connected, ASignalEndsTheWaitWithoutAnErrorAndWithNothingReady) {
   EXPECT_EQ(error, 0);
   EXPECT_EQ(count, -1);
   EXPECT_EQ(server->Ready4R(&sets), 0);
+}
+
+TEST(Connecting, IsGivenUpWhenTheDescriptorBecomesReadable) {
+  // Nobody accepts: when the queue of the listener is full, a connect gets no answer.
+  RPCSOCK listener("127.0.0.1", "0", true, PIPv4, SOCK_STREAM);
+  ASSERT_EQ(listener.lError, 0);
+  ASSERT_EQ(listen(listener.RawSocket(), 0), 0);
+  const std::string port = std::to_string(listener.Port());
+  QLNSOCKADDR address;
+  ASSERT_EQ(listener.Addr(true, &address), 0);
+  std::vector<std::unique_ptr<RPCSOCK>> queued;
+  for (int i = 0; i < 4; ++i) {
+    queued.push_back(std::make_unique<RPCSOCK>(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)));
+    (void)connect(queued.back()->RawSocket(), reinterpret_cast<sockaddr*>(&address),
+                  sizeof(sockaddr_in));
+  }
+
+  const int soon = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+  const itimerspec at = {{0, 0}, {0, 20000000}};
+  ASSERT_EQ(timerfd_settime(soon, 0, &at, nullptr), 0);
+  RPCSOCK client("127.0.0.1", port.c_str(), false, PIPv4, SOCK_STREAM, soon);
+  EXPECT_EQ(client.lError, ECANCELED);
+  EXPECT_FALSE(client.isValid());
+  close(soon);
+}
+
+TEST(Connecting, ComesThroughThoughItCouldBeGivenUp) {
+  RPCSOCK listener("127.0.0.1", "0", true, PIPv4, SOCK_STREAM);
+  const std::string port = std::to_string(listener.Port());
+  const int never = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+  EXPECT_EQ(RPCSOCK("127.0.0.1", port.c_str(), false, PIPv4, SOCK_STREAM, never).lError, 0);
+  listener.CloseSocket();
+  EXPECT_EQ(RPCSOCK("127.0.0.1", port.c_str(), false, PIPv4, SOCK_STREAM, never).lError,
+            ERR_CONNECT_DATA);
+  close(never);
 }
 
 }  // namespace
