@@ -33,6 +33,7 @@
 #ifndef KYRNO_H
 #define KYRNO_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #define KYRNO_API __attribute__((visibility("default")))
@@ -123,6 +124,108 @@ KYRNO_API int32_t cflate(int32_t op, void** session, const uint8_t* in, uint32_t
 
 /** The time in microseconds since 1970, as in the results of "AWaitZ". */
 KYRNO_API double Micros(void);
+
+/* ---- the link to a remote development environment
+ *
+ * A second entry beside Call. The interpreter gets a table of functions, turns the link on, and is
+ * told of each block that has come. One session at a time; docs/link.md has the settings, the
+ * configuration file and what passes on the wire. */
+
+/** TZeph2State */
+enum {
+  Zeph2Idle = 0,      /**< nothing goes on; between two tries of a link that polls */
+  Zeph2Negotiate = 1, /**< a connection stands, the handshake runs */
+  Zeph2Listening = 2, /**< a server listens, no session stands */
+  Zeph2Connected = 3, /**< blocks pass */
+  Zeph2Error = 4,     /**< not used */
+  Zeph2HttpSrv = 5    /**< the page service listens, no session stands */
+};
+
+/** Tells the interpreter of an event, on the library's work thread, with none of its locks held.
+ *  code 3: a block has come, and node is for Zeph2GetBuffer and Zeph2Free. code 4: the session's
+ *  connection has gone, and node is for Zeph2Free. It returns soon, and never calls Zeph2Enable. */
+typedef int32_t (*TCommNotify)(uint32_t code, void* node);
+
+/** Asks the interpreter for one of its settings, "ZEPH\\INIT" and others: writes the value to
+ *  buffer, of so many bytes, with a zero behind it; nothing for an empty one. Called by Zeph2Init,
+ *  Zeph2Enable and Zeph2Errortext, on the thread that calls them. */
+typedef int32_t (*TCommConfig)(char* key, char* buffer, size_t size);
+
+/** How the link runs. An interpreter fills in the two callbacks, either of which may be null, for
+ *  Zeph2Init. It may look at the rest in the table's record while the link is off and no other
+ *  thread turns it on. */
+typedef struct tZeph2Config {
+  TCommNotify CommNotify;
+  TCommConfig CommConfig;
+  char ConfigFile[1024];
+  uint32_t Direction; /**< 0 not known yet, 1 connect, 2 listen, 3 poll, 4 by the file, 5 http */
+  char* pAddress;
+  uint32_t Port;
+  uint32_t MaxBlockSize;
+  uint32_t SSLValidation;
+  uint32_t Protocol; /**< 0 IPv4, 1 IPv6, 2 either */
+  uint32_t Secure;   /**< 0 plain, 1 secure, 2 anonymous */
+  char* pPublicCertData;
+  char* pPublicCertFile;
+  char* pPrivateKeyData;
+  char* pPrivateKeyFile;
+  char* pRootCertDir;
+  char* pPriority;
+  uint32_t Magic;
+  uint32_t Trace;
+  char* pLogfilename;
+  char* pCurrentConnection; /**< null without a session */
+  char* pHttpDir;
+  void* pConnectThread;
+  void* pCert;
+  void* pAllow;
+  void* pDeny;
+  int32_t lError; /**< the reason behind 1501 and 1502 */
+  char* pAcceptCertDir;
+  void* pAcceptCertList;
+  uint32_t KAtime; /**< milliseconds */
+  uint32_t KAint;  /**< milliseconds */
+} tZeph2Config;
+
+/** Turns the link on (above 0) or off (0). On: reads the configuration, unless one was read well
+ *  before. Returns 0 or a code, for Zeph2Errortext: 1500 to 1503, 1506 and 1507 for settings, a
+ * file or an address that will not do, 1132 and 12xx for filters and certificates; off: 1008 when
+ *  there was nothing to turn off. A client's try may block for as long as connecting does; turning
+ *  off ends it. */
+typedef int32_t (*TZeph2Enable)(int32_t enable);
+
+/** The bytes of a block that has come: *data and *length, null and 0 when node is none. They are
+ *  the library's, and stay until Zeph2Free of the node. Returns 0. */
+typedef int32_t (*TZeph2GetBuffer)(void* node, char** data, uint32_t* length);
+
+/** Gives a node back. Always 0; a node that is gone, or null, is no mistake. */
+typedef int32_t (*TZeph2Free)(void* node);
+
+/** Sends a block to the session's peer; the bytes are copied. In direction http they are text in
+ *  UTF-8. Returns 0 as soon as it is queued, 1008 without a session. */
+typedef int32_t (*TZeph2Send)(char* data, uint32_t length);
+
+/** Writes the text of a code of Zeph2Enable or Zeph2Send, ended by a zero, to a buffer of so many
+ *  bytes: 255 will do for all but long paths, and what is longer is cut. Returns its length, or -1
+ *  without a buffer. */
+typedef int32_t (*TZeph2Errortext)(int32_t code, char* text, uint32_t size);
+
+/** The table. It belongs to the library and lives as long. */
+typedef struct TKYRNOFNS {
+  tZeph2Config* pZeph2Config;
+  uint32_t Zeph2State;  /**< TZeph2State; changes at any time */
+  int32_t Zeph2Enabled; /**< what Zeph2Enable was given last; 0 after a configuration that failed */
+  void* pZephRoot;
+  TZeph2Enable pZeph2Enable;
+  TZeph2GetBuffer pZeph2GetBuffer;
+  TZeph2Free pZeph2Free;
+  TZeph2Send pZeph2Send;
+  TZeph2Errortext pZeph2Errortext;
+} TKYRNOFNS;
+
+/** Makes the link. Of config, which may be null and need not live on, the two callbacks are taken.
+ *  Called once; a second call changes the callbacks. Null without memory. */
+KYRNO_API TKYRNOFNS* Zeph2Init(tZeph2Config* config);
 
 #ifdef __cplusplus
 }

@@ -18,6 +18,7 @@
 #include "kyrno/boundary/listing.h"
 #include "kyrno/boundary/props.h"
 #include "kyrno/boundary/wait.h"
+#include "kyrno/link/ifzeph2.h"
 #include "sys/linux/qlnplat.h"
 #include "util/blockstore.h"
 #include "util/pool.h"
@@ -46,8 +47,7 @@ constexpr SI4 kCallStatus = 20;  // first element of the result of a call that r
 constexpr size_t kErrorName = 64;
 constexpr size_t kErrorText = 512;
 
-std::atomic<bool> Initialized{false};  // an Init has been tried; never taken back
-PTRANS pTranslations = nullptr;        // head of the list of FindTrans
+PTRANS pTranslations = nullptr;  // head of the list of FindTrans
 
 const NAFUNCTION* FindFunction(PCH10 name) {
   if (!*name) return nullptr;
@@ -149,7 +149,9 @@ __attribute__((constructor)) void onLoad() {
 }
 
 __attribute__((destructor)) void onUnload() {
+  ZephStop();
   UnloadRoots();
+  ZephUnload();
   // What waits to be used again would be lost with the library. Each purge leaves what is fresh.
   for (int i = 0; i < 3; ++i) {
     BlockPurge();
@@ -170,7 +172,7 @@ SI4 Version(UI4* v) {
 
 SI4 Init(PCH10 root, PCH10 loadPath) {
   LOG(1, ("Build " __DATE__ " " __TIME__));
-  Initialized.store(true, std::memory_order_release);
+  InitTried.store(true, std::memory_order_release);
   return root ? CreateRoot(root, loadPath ? loadPath : "") : ERR_ROOT_NOT_FOUND;
 }
 
@@ -185,7 +187,7 @@ SI4 Call(PCH10 root, PCH10 command, PUI4* ppR, PUI4* ppL) {
     if (root && share.Open(root)) {
       if (!code) code = Dispatch(share, command, arg, ppL, &result);
     } else {
-      code = Initialized.load(std::memory_order_acquire) ? ERR_ROOT_NOT_FOUND : ERR_NOT_INITIALIZED;
+      code = InitTried.load(std::memory_order_acquire) ? ERR_ROOT_NOT_FOUND : ERR_NOT_INITIALIZED;
     }
   }
   if (!result) result = CallStatus(code);

@@ -1,0 +1,443 @@
+// zephenable.cpp - turning the link on and off.
+//
+// Each call of Zeph2Enable begins a new Epoch. What an earlier one has still under way, a connect
+// or a listen, finds that when it is through, and drops what it has made.
+#include "kyrno/link/zephenable.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "kyrno/base/error.h"
+#include "kyrno/base/log.h"
+#include "kyrno/boundary/objects.h"
+#include "kyrno/boundary/roots.h"
+#include "kyrno/link/zephconfig.h"
+#include "kyrno/link/zephsession.h"
+#include "kyrno/modes/websocket.h"
+#include "kyrno/tls/sslcontrol.h"
+#include "sys/linux/fdhold.h"
+
+static constexpr UI4 MODULE = 0x00001000;
+
+namespace {
+
+constexpr UI4 kBeatMillis = 5000;  // between tries of a link that polls
+constexpr UI4 kGoingMillis = 100;  // how long turning off waits for what goes
+constexpr CH1 kLinkVersion[] = "3.2.1503.0";
+constexpr CH1 DefaultAddr[] = "::1";
+constexpr CH1 kDefaultAddr4[] = "127.0.0.1";
+constexpr CH1 kClient[] = "ZephClient";
+
+/// The servers of a direction.
+struct SERVERNAMES {
+  PCH10 one;
+  PCH10 loopback4;  // the second one, of the loopback rule
+};
+constexpr SERVERNAMES kListen = {"ZephServer", "ZephServer4"};
+constexpr SERVERNAMES kHttp = {"HttpServer", "HttpServer4"};
+
+constinit UI4 Epoch GUARDED_BY(ZephLock) = 0;
+
+PZeph2Config Config() { return Zeph2Functions.pZeph2Config; }
+
+/// Ends connects that are under way.
+class GIVEUP {
+ public:
+  int Get() {
+    int fd = event.load(std::memory_order_acquire);
+    if (fd >= 0) return fd;
+    const int fresh = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (event.compare_exchange_strong(fd, fresh, std::memory_order_acq_rel)) return fresh;
+    if (fresh >= 0) close(fresh);
+    return fd;
+  }
+  void Raise() {
+    const UI8 one = 1;
+    if (write(Get(), &one, sizeof one) < 0) LOG(1, ("Giving up failed %d", errno));
+  }
+  void Lower() {
+    UI8 count = 0;
+    if (read(Get(), &count, sizeof count) < 0 && errno != EAGAIN)
+      LOG(1, ("Going on failed %d", errno));
+  }
+  void Close() {
+    const int fd = event.exchange(-1, std::memory_order_acq_rel);
+    if (fd >= 0) close(fd);
+  }
+
+ private:
+  std::atomic<int> event{-1};
+};
+constinit GIVEUP GiveUp;
+
+/// The thread that polls: made when it is first wanted, it stays until the library goes.
+struct POLLING {
+  QLNSEMATO beat{0, 1000};
+  bool ends = false;  // guarded by ZephLock
+  std::unique_ptr<QLNTHREAD> thread;
+};
+constinit POLLING* Polling GUARDED_BY(ZephLock) = nullptr;
+
+/// Waits until nothing has this name below the link's root any more. False when it still has after
+/// so long.
+bool WaitGone(ROOTSHARE& share, PCH10 name, UI4 millis) {
+  const F8 until = Micros() + millis * 1e3;
+  ROOT* const root = share.Object();
+  WAITER waiter(root->Waiters);
+  while (PHIERAKI const node = share.Root()->FindLeaf(name)) {
+    const F8 left = until - Micros();
+    if (left <= 0 || waiter.AplWaitInit(node)) return false;
+    // One that was unlinked before the registration wakes nobody.
+    if (share.Root()->FindLeaf(name) != node) continue;
+    if (share.IsClosing()) return false;
+    share.Park();
+    (void)waiter.AplWait(static_cast<UI4>(left / 1e3) + 1);
+    const bool inside = share.Enter();
+    if (!inside) waiter.AplWaitClear();
+    share.Unpark();
+    if (!inside) return true;
+  }
+  return true;
+}
+
+/// Closes an object; false when there is none of this name.
+bool CloseNamed(ROOTSHARE& share, PCH10 name) {
+  PHIERAKI const node = share.Root() ? share.Root()->FindLeaf(name) : nullptr;
+  if (!node || !node->Obj()) return false;
+  (void)node->Obj()->Close(node);
+  return true;
+}
+
+/// Waits for an object that was closed; one that lingers, because its peer does, goes at once.
+void SeeOff(ROOTSHARE& share, PCH10 name) {
+  if (!share.Root() || WaitGone(share, name, kGoingMillis)) return;
+  if (PHIERAKI const node = share.Root()->FindLeaf(name)) {
+    node->Obj()->Finish();
+    share.Object()->ChangedSoon(node);
+  }
+  (void)WaitGone(share, name, kGoingMillis);
+}
+
+// ---- on
+
+bool IsLoopback() {
+  PCH10 const address = Config()->pAddress;
+  return !address || !*address || strcmp(address, DefaultAddr) == 0;
+}
+
+/// Reads the configuration if none was read well before.
+SI4 Configure() {
+  tZeph2Config* const fresh = static_cast<tZeph2Config*>(calloc(1, sizeof *fresh));
+  if (!fresh) return ERR_MEMORY_ALLOC;
+  REF<RootCerts> roots;
+  REF<SessionCache2> sessions;
+  {
+    ROOTSHARE share;
+    if (share.Open(kZephRoot)) {
+      roots = share.Object()->TrustedCerts();
+      sessions = share.Object()->ClientSessions();
+    }
+  }
+  {
+    MUTEXHOLD hold(ZephLock);
+    fresh->CommConfig = Config()->CommConfig;
+  }
+  const SI4 code = roots ? Zeph2ReadConfigfile(fresh, roots, sessions) : ERR_ROOT_NOT_FOUND;
+  {
+    MUTEXHOLD hold(ZephLock);
+    if (Config()->Direction == DIRUndefined) MoveConfig(Config(), fresh);
+  }
+  ClearConfig(fresh);
+  free(fresh);
+  return code;
+}
+
+void BeginLog() {
+  CH1 file[sizeof tZeph2Config::ConfigFile] = {0};
+  TEXT log;
+  UI4 trace;
+  {
+    // After a failure another thread may be about to put other texts in their place.
+    MUTEXHOLD hold(ZephLock);
+    snprintf(file, sizeof file, "%s", Config()->ConfigFile);
+    if (Config()->pLogfilename) log.reset(strdup(Config()->pLogfilename));
+    trace = Config()->Trace;
+  }
+  if (log) (void)InitLog(log.get());
+  if (trace) LOGSet(trace);
+  LOG(2, ("Version: %s", kLinkVersion));
+  LOG(2, ("ConfigFile: %s", file));
+  LOG(2, ("LogFile: %s, %d ", log ? log.get() : "", trace));
+  LOG(2, ("Version: %s", kLinkVersion));
+}
+
+/// What every object of the link has in common. ERR_MEMORY_ALLOC.
+SI4 Plan(PCH10 name, PCH10 address, PROTOCOL prot, OBJECTPLAN* plan) {
+  const tZeph2Config& config = *Config();
+  CH1 port[11];
+  snprintf(port, sizeof port, "%u", config.Port);
+  snprintf(plan->name, sizeof plan->name, "%s", name);
+  plan->port.reset(strdup(port));
+  if (address) plan->address.reset(strdup(address));
+  if (!plan->port || (address && !plan->address)) return ERR_MEMORY_ALLOC;
+  plan->mode = MBlkRaw;
+  plan->size = config.MaxBlockSize;
+  plan->magic = config.Magic;
+  plan->prot = prot;
+  plan->cert = REF<CERTDATA>::Share(config.pCert);
+  plan->callback = OOSfn2;
+  return 0;
+}
+
+/// One server: it listens and takes its place, unless the link was turned off meanwhile.
+SI4 Serve(UI4 epoch, TDirection direction, PCH10 name, PCH10 address, PROTOCOL prot) {
+  const bool web = direction == DIRHttp;
+  OBJECTPLAN plan;
+  SI4 code = Plan(name, address, prot, &plan);
+  if (code) return code;
+  if (web) plan.mode = MHttp;
+  if (web) plan.features = WSAutoUpgrade | WSStrict | WSWhole;
+  plan.allow = REF<RANGES>::Share(Config()->pAllow);
+  plan.deny = REF<RANGES>::Share(Config()->pDeny);
+
+  ROOTSHARE share;
+  if (!share.Open(kZephRoot)) return ERR_ROOT_NOT_FOUND;
+  (void)WaitGone(share, name, kGoingMillis);
+  if (!share.Root()) return ERR_ROOT_NOT_FOUND;
+  std::unique_ptr<SERVER> server;
+  code = MakeServer(share, &plan, &server);
+  if (code) return code;
+  MUTEXHOLD hold(ZephLock);
+  if (Epoch != epoch) return ERR_INVALID_OBJECT;
+  // Before the first peer comes. The other server may have a session already.
+  if (Published(Zeph2Functions.Zeph2State) == Zeph2Idle)
+    Publish(Zeph2Functions.Zeph2State, web ? Zeph2HttpSrv : Zeph2Listening);
+  return LinkObject(share, name, std::move(server));
+}
+
+SI4 NoteFailure(SI4 reason, SI4 code) {
+  MUTEXHOLD hold(ZephLock);
+  Config()->lError = reason;
+  return code;
+}
+
+/// The servers of directions listen and http.
+SI4 ServeAll(UI4 epoch, TDirection direction) {
+  const SERVERNAMES& names = direction == DIRHttp ? kHttp : kListen;
+  if (!IsLoopback()) {
+    PCH10 const address = strcmp(Config()->pAddress, "*") == 0 ? nullptr : Config()->pAddress;
+    const SI4 code = Serve(epoch, direction, names.one, address, Config()->Protocol);
+    return code ? NoteFailure(code, ERR_ZEPH_LISTEN) : 0;
+  }
+  const SI4 first = Serve(epoch, direction, names.loopback4, kDefaultAddr4, PIPv4);
+  const SI4 second = Serve(epoch, direction, names.one, DefaultAddr, PIPv6);
+  return first && second ? NoteFailure(second, ERR_ZEPH_LISTEN) : 0;
+}
+
+/// A client that is connected.
+SI4 Dial(ROOTSHARE& share, PROTOCOL prot, std::unique_ptr<CONNECTION>* client) {
+  OBJECTPLAN plan;
+  if (const SI4 code = Plan(kClient, Config()->pAddress, prot, &plan)) return code;
+  plan.giveUp = GiveUp.Get();
+  return MakeClient(share, &plan, client);
+}
+
+bool IsCurrent(UI4 epoch) {
+  MUTEXHOLD hold(ZephLock);
+  return Epoch == epoch;
+}
+
+/// One attempt to connect outward, which begins a session.
+SI4 TryConnect(UI4 epoch) {
+  const SSLUSE use;
+  ROOTSHARE share;
+  if (!share.Open(kZephRoot)) return ERR_ROOT_NOT_FOUND;
+  // The last one may not be out of the tree yet.
+  (void)WaitGone(share, kClient, kGoingMillis);
+  if (!share.Root()) return ERR_ROOT_NOT_FOUND;
+  const PROTOCOL prot = Config()->Protocol;
+  std::unique_ptr<CONNECTION> client;
+  SI4 code = ERR_NEW;
+  if (prot != PIPv4) code = Dial(share, PIPv6, &client);
+  if (code && prot != PIPv6 && share.Root() && IsCurrent(epoch)) code = Dial(share, PIPv4, &client);
+  if (code) return code;
+
+  MUTEXHOLD hold(ZephLock);
+  if (Epoch != epoch || Config()->pCurrentConnection) return ERR_INVALID_OBJECT;
+  // With the lock: what its peer sends is not looked at before the session has begun.
+  PHIERAKI node = nullptr;
+  code = LinkObject(share, kClient, std::move(client), &node);
+  if (!code) code = BeginSession(node);
+  if (code && node) (void)node->Obj()->Close(node);
+  return code;
+}
+
+UI4 Zeph2ConnectThread(PVOID polling) {
+  POLLING* const own = static_cast<POLLING*>(polling);
+  SI4 code = 0;
+  for (;;) {
+    bool on = false;
+    bool tries = false;
+    UI4 epoch = 0;
+    {
+      MUTEXHOLD hold(ZephLock);
+      if (own->ends) return static_cast<UI4>(code);
+      on = Config()->Direction == DIRPoll && Published(Zeph2Functions.Zeph2Enabled) > 0;
+      tries =
+          on && !Config()->pCurrentConnection && Published(Zeph2Functions.Zeph2State) == Zeph2Idle;
+      epoch = Epoch;
+    }
+    if (tries) code = TryConnect(epoch);
+    if (on)
+      own->beat.wait(kBeatMillis);
+    else
+      own->beat.wait();
+  }
+}
+
+/// Starts the thread, or wakes it. ERR_NEW_THREAD.
+SI4 Poll() {
+  POLLING* fresh = new (std::nothrow) POLLING;
+  if (!fresh) return ERR_MEMORY_ALLOC;
+  MUTEXHOLD hold(ZephLock);
+  if (Polling) {
+    delete fresh;
+    Polling->beat.release(1);
+    return 0;
+  }
+  fresh->thread.reset(new (std::nothrow) QLNTHREAD(Zeph2ConnectThread, fresh));
+  if (!fresh->thread || fresh->thread->lError == ERR_NEW_THREAD) {
+    delete fresh;
+    return ERR_NEW_THREAD;
+  }
+  Polling = fresh;
+  Config()->pConnectThread = fresh->thread.get();
+  return 0;
+}
+
+SI4 ConnectOnce(UI4 epoch) {
+  if (const SI4 reason = TryConnect(epoch)) return NoteFailure(reason, ERR_ZEPH_CONNECT);
+  {
+    // From now on it reconnects by itself.
+    MUTEXHOLD hold(ZephLock);
+    Config()->Direction = DIRPoll;
+  }
+  return Poll();
+}
+
+TDirection Direction() {
+  MUTEXHOLD hold(ZephLock);
+  return Config()->Direction;
+}
+
+SI4 Enable(UI4 epoch) {
+  const SSLUSE use;
+  SI4 code = 0;
+  if (Direction() == DIRUndefined) code = Configure();
+  BeginLog();
+  if (code) {
+    MUTEXHOLD hold(ZephLock);
+    if (Epoch == epoch) Publish(Zeph2Functions.Zeph2Enabled, 0);
+    return code;
+  }
+  GiveUp.Lower();
+  const TDirection direction = Direction();
+  switch (direction) {
+    case DIRConnect:
+      return ConnectOnce(epoch);
+    case DIRPoll:
+      return Poll();
+    case DIRListen:
+    case DIRHttp:
+      return ServeAll(epoch, direction);
+    case DIRUndefined:
+    case DIRConfig:
+      break;
+  }
+  return 0;
+}
+
+// ---- off
+
+/// Closes what stands. ERR_INVALID_OBJECT when the chief object is missing.
+SI4 Close(TDirection direction, PCH10 session) {
+  ROOTSHARE share;
+  if (!share.Open(kZephRoot)) return ERR_INVALID_OBJECT;
+  switch (direction) {
+    case DIRConnect:
+    case DIRPoll: {
+      const bool there = CloseNamed(share, kClient);
+      SeeOff(share, kClient);
+      return there ? 0 : ERR_INVALID_OBJECT;
+    }
+    case DIRListen:
+    case DIRHttp: {
+      const SERVERNAMES& names = direction == DIRHttp ? kHttp : kListen;
+      if (direction == DIRListen && *session) CloseNamed(share, session);
+      CloseNamed(share, names.loopback4);
+      const bool there = CloseNamed(share, names.one);
+      SeeOff(share, names.loopback4);
+      SeeOff(share, names.one);
+      return there ? 0 : ERR_INVALID_OBJECT;
+    }
+    case DIRUndefined:
+    case DIRConfig:
+      break;
+  }
+  return ERR_INVALID_OBJECT;
+}
+
+SI4 Disable() {
+  CH1 session[kFullNameSize + 1] = {0};
+  TDirection direction;
+  {
+    MUTEXHOLD hold(ZephLock);
+    direction = Config()->Direction;
+    (void)SessionName(session);
+    // Nothing of what goes is an event any more.
+    EndSession(Zeph2Idle);
+  }
+  GiveUp.Raise();
+  const SI4 code = Close(direction, session);
+  ZephBlocks.DropUnseen();
+  return code;
+}
+
+}  // namespace
+
+SI4 Zeph2Enable(SI4 enable) {
+  UI4 epoch = 0;
+  {
+    MUTEXHOLD hold(ZephLock);
+    if (!Config()) return ERR_INVALID_OBJECT;
+    if (Published(Zeph2Functions.Zeph2Enabled) == enable) return 0;
+    Publish(Zeph2Functions.Zeph2Enabled, enable);
+    epoch = ++Epoch;
+  }
+  return enable == 0 ? Disable() : Enable(epoch);
+}
+
+void EndZephPolling() {
+  POLLING* polling = nullptr;
+  {
+    MUTEXHOLD hold(ZephLock);
+    polling = std::exchange(Polling, nullptr);
+    ++Epoch;
+    if (polling) polling->ends = true;
+    if (Config()) Config()->pConnectThread = nullptr;
+  }
+  if (polling) {
+    GiveUp.Raise();
+    polling->beat.release(1);
+    polling->thread.reset();
+    delete polling;
+  }
+  GiveUp.Close();
+}
