@@ -105,14 +105,25 @@ Options ClientOptions(const std::string& name, const Endpoint& end, const Tuning
   return ObjectOptions(name, end, tuning, false);
 }
 
+void Trace(const Session& session, const Settings& settings) {
+  if (!settings.trace) return;
+  // The library writes to a log that is there and never makes one.
+  std::ofstream("kyrno.log", std::ios::app);
+  session.SetProp(".", "Trace", kTraceAll);
+}
+
+void TellPort(const Console& console, const Session& session, const std::string& server) {
+  const ZValue address = session.GetProp(server, "LocalAddr");
+  const std::string at = address.At(1).Text();
+  const std::int64_t port = address.At(3).Integer();
+  console.Say("listening on port " + std::to_string(port) + " (" + at + ")",
+              {{"event", "Listen"}, {"name", server}, {"address", at}, {"port", port}});
+}
+
 HostSession::HostSession(const Library& lib, const std::string& name, const Settings& settings)
     : Session(lib, name) {
   SetProp(".", "EventMode", 1);
-  if (settings.trace) {
-    // The library writes to a log that is there and never makes one.
-    std::ofstream("kyrno.log", std::ios::app);
-    SetProp(".", "Trace", kTraceAll);
-  }
+  Trace(*this, settings);
   if (settings.caDir.empty()) return;
   const ZValue trusted = Run("ASetProp", ZValue::List({".", "RootCertDir", settings.caDir}));
   if (const auto code = static_cast<int>(trusted.Integer()); code != 0)

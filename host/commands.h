@@ -2,10 +2,13 @@
 // the exit code and throws what it cannot handle.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "host/console.h"
+#include "host/linkconfig.h"
+#include "host/talk.h"
 #include "host/tlsoptions.h"
 #include "host/url.h"
 
@@ -24,6 +27,17 @@ struct Endpoint {
 /// "HOST:PORT", "[::1]:PORT" or, where an address may be left out, "PORT". Throws
 /// std::invalid_argument with what is wanted.
 Endpoint ParseEndpoint(const std::string& mode, const std::string& text, bool needsAddress);
+
+/// Where a remote environment meets the link.
+struct Meeting {
+  Endpoint end;
+  bool listens = false;    ///< for a link that connects
+  std::optional<Url> url;  ///< of a link that serves pages
+};
+
+/// "HOST:PORT" or "ws[s]://HOST:PORT/", or in place of both "[HOST:]PORT" to listen on. Throws
+/// std::invalid_argument with what is wanted.
+Meeting ParseMeeting(const std::string& peer, const std::string& listen);
 
 /// The options of a server or client that the command line offers.
 struct Tuning {
@@ -51,6 +65,12 @@ class HostSession : public Session {
   HostSession(const Library& lib, const std::string& name, const Settings& settings);
 };
 
+/// Turns the log on for a root where it is asked for.
+void Trace(const Session& session, const Settings& settings);
+
+/// The line that says where a server listens.
+void TellPort(const Console& console, const Session& session, const std::string& server);
+
 /// Set by SIGINT and SIGTERM after CatchInterrupts.
 bool Interrupted();
 void CatchInterrupts();
@@ -72,6 +92,12 @@ int Get(const Console& console, const Settings& settings, const Url& url, const 
 /// so much silence ends it.
 int WebSocket(const Console& console, const Settings& settings, const Url& url, const Tls& tls,
               int waitMillis);
+/// The interpreter's side of the link, blocks on standard input and output.
+int ServeLink(const Console& console, const Settings& settings, const LinkOptions& options,
+              const TalkOptions& talking);
+/// The remote environment's side of it.
+int Remote(const Console& console, const Settings& settings, const Meeting& meeting,
+           const Tuning& tuning, const TalkOptions& talking);
 int Tree(const Console& console, const Settings& settings);
 /// The certificates of a file, PEM or DER.
 int Certs(const Console& console, const Settings& settings, const std::string& file);

@@ -65,6 +65,7 @@ Library::Library(const std::string& file) : path(file) {
     Find(&pCall, "Call");
     Find(&pErrorText, "ErrorText");
     Find(&pFree, "FreeUsedTessorResult");
+    Find(&pZeph2Init, "Zeph2Init");
     Find(&pCall1, "Call1");
     Find(&pCall2, "Call2");
     Find(&pSetXLate, "SetXLate");
@@ -152,6 +153,7 @@ Session::Session(const Library& lib, std::string name) : library(lib), root(std:
 }
 
 Session::~Session() {
+  if (!isMine) return;
   try {
     Run("AClose", ".");
   } catch (const std::exception&) {

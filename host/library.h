@@ -89,6 +89,8 @@ class Library {
   std::array<std::uint32_t, 3> Version() const;
   int Init(const std::string& root) const;
   LibraryError Error(const std::string& doing, int code) const;
+  /// The table of the link to a remote development environment; null without memory.
+  TKYRNOFNS* Zeph2Init(tZeph2Config* config) const { return pZeph2Init(config); }
   /// The text of a whole gzip stream. Throws std::runtime_error when it is none.
   std::string Gunzip(const std::string& compressed) const;
 
@@ -111,6 +113,7 @@ class Library {
   decltype(&::Call) pCall;
   decltype(&::ErrorText) pErrorText;
   decltype(&::FreeUsedTessorResult) pFree;
+  decltype(&::Zeph2Init) pZeph2Init;
   // Found so that a library without them is refused at once, as an interpreter would.
   decltype(&::Call1) pCall1;
   decltype(&::Call2) pCall2;
@@ -135,13 +138,17 @@ struct Event {
   bool IsTimeout() const { return code == kTimeout || event == "Timeout"; }
 };
 
-/// One root of the library, from Init to the close of ".".
+/// One root of the library, from Init to the close of "."; or a root that the library has made for
+/// itself, which stays.
 ///
 /// Threads: any number; each call stands for itself.
 /// Errors:  LibraryError for a code of the library, ZError for a result of unexpected shape.
 class Session {
  public:
   Session(const Library& library, std::string root);
+  struct Existing {};
+  Session(const Library& lib, std::string name, Existing)
+      : library(lib), root(std::move(name)), isMine(false) {}
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -194,6 +201,7 @@ class Session {
  private:
   const Library& library;
   const std::string root;
+  const bool isMine = true;
 };
 
 /// The argument that ASrv, AClt and ACerts take.

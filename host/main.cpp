@@ -49,6 +49,46 @@ void AddTls(CLI::App* word, Tls* tls, bool server) {
         ->check(CLI::IsMember({"request", "require"}));
 }
 
+/// What the words take that talk in blocks of text.
+void AddTalk(CLI::App* word, TalkOptions* talk) {
+  word->add_flag("--echo", talk->echo, "Send every block back, in place of lines of input");
+  word->add_option("--count", talk->count, "End behind so many blocks, and not with the input")
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()));
+  word->add_option("--wait", talk->waitMillis, "Milliseconds of silence before it ends")
+      ->check(CLI::Range(0, std::numeric_limits<int>::max()))
+      ->capture_default_str();
+}
+
+/// What the interpreter's side of the link takes besides.
+void AddLink(CLI::App* word, LinkOptions* link) {
+  word->add_option("--init", link->init, "connect, serve, poll or http, as in \"serve:*:4502\"")
+      ->type_name("TEXT");
+  word->add_option("--listen", link->listen, "ADDRESS:[PORT] to listen on")->type_name("TEXT");
+  word->add_option("--connect", link->connect, "The same to connect to")->type_name("TEXT");
+  word->add_option("--config", link->config, "The configuration file")->check(CLI::ExistingFile);
+  word->add_option("--user-dir", link->userDir, "Where zeph.ini is, in place of --config")
+      ->check(CLI::ExistingDirectory);
+  CLI::Option_group* const keys =
+      word->add_option_group("Keys", "What the file would say, where none is named");
+  keys->add_option("--pages", link->pages, "Folder of the pages that http serves")
+      ->check(CLI::ExistingDirectory);
+  keys->add_flag("--secure", link->secure, "TLS with certificates on both sides");
+  keys->add_flag("--anonymous", link->anonymous, "TLS with a certificate of the server alone");
+  keys->add_option("--cert", link->cert, "Own certificate, its issuers behind it; PEM or DER")
+      ->check(CLI::ExistingFile);
+  keys->add_option("--key", link->key, "Its private key, where that is in a file of its own");
+  keys->add_option("--ca-dir", link->caDir, "Folder of the certificates that are trusted")
+      ->check(CLI::ExistingDirectory);
+  keys->add_option("--accept", link->accept, "Folder of the only certificates that may come")
+      ->check(CLI::ExistingDirectory);
+  keys->add_option("--max-block", link->maxBlock, "Largest block in bytes, header included");
+  keys->add_option("--magic", link->magic, "Word that marks each block; 0 for none");
+  keys->add_option("--keep-alive", link->keepAlive,
+                   "Milliseconds of silence, and between probes behind it")
+      ->delimiter(',')
+      ->type_name("TIME,INTERVAL");
+}
+
 /// What a URL's scheme says of TLS, and the flags.
 void CheckUrl(const Url& url, Tls* tls) {
   if (!url.secure && tls->IsWanted())
@@ -101,6 +141,12 @@ int Run(int argc, char** argv) {
   Url url;
   int portsFd = -1;
   std::string certs;
+  LinkOptions link;
+  TalkOptions talk;
+  Meeting meeting;
+  std::string listen;
+  int maxBlock = kLinkMaxBlock;
+  int magic = kLinkMagic;
   const std::vector<std::string> both{"command", "blkraw", "blktext", "raw", "text", "udp"};
   std::vector<std::string> served = both;
   served.insert(served.end(), {"http", "websocket"});
@@ -138,6 +184,21 @@ int Run(int argc, char** argv) {
       ->check(CLI::Range(1, std::numeric_limits<int>::max()))
       ->capture_default_str();
   AddTls(ws, &tuning.tls, false);
+  CLI::App* linked = app.add_subcommand(
+      "link", "An interpreter's side of the link to a remote environment, text in and out");
+  AddLink(linked, &link);
+  AddTalk(linked, &talk);
+  CLI::App* remote = app.add_subcommand("remote", "The remote environment's side of the link");
+  remote->add_option("PEER", where, "HOST:PORT, or ws[s]://HOST:PORT/ of a link that serves pages");
+  remote->add_option("--listen", listen, "Wait for a link that connects")
+      ->type_name("[ADDRESS:]PORT");
+  remote->add_option("--max-block", maxBlock, "Largest block in bytes, header included")
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()))
+      ->capture_default_str();
+  remote->add_option("--magic", magic, "Word that marks each block; 0 for none")
+      ->capture_default_str();
+  AddTalk(remote, &talk);
+  AddTls(remote, &tuning.tls, true);
   CLI::App* tree = app.add_subcommand("tree", "Make a few objects and draw the object tree");
   CLI::App* look = app.add_subcommand("certs", "Print the certificates of a file, decoded");
   look->add_option("FILE", file, "PEM or DER")->required()->check(CLI::ExistingFile);
@@ -149,7 +210,8 @@ int Run(int argc, char** argv) {
   try {
     app.parse(Shield(argc, argv));
     if (app.get_subcommands().empty())
-      throw std::invalid_argument("say what to do: demo, serve, send, get, ws, tree or certs");
+      throw std::invalid_argument(
+          "say what to do: demo, serve, send, get, ws, link, remote, tree or certs");
     for (const std::string& stop : stops) tuning.stops.push_back(Unescape(Unshield(stop)));
     for (const std::string& word : words) values.push_back(FromArgument(Unshield(word)));
     if (*serve) {
@@ -166,8 +228,19 @@ int Run(int argc, char** argv) {
     if (*get) url = ParseUrl(where, "http");
     if (*ws) url = ParseUrl(where, "ws");
     if (*get || *ws) CheckUrl(url, &tuning.tls);
+    if (*linked) {
+      link.listen = Unshield(link.listen);
+      link.connect = Unshield(link.connect);
+      CheckLink(link);
+    }
+    if (*remote) {
+      meeting = ParseMeeting(where, listen);
+      if (meeting.url) CheckUrl(*meeting.url, &tuning.tls);
+      tuning.bufferSize = maxBlock;
+      tuning.magic = meeting.url ? 0 : magic;
+    }
     if (mode == "udp" && tuning.tls.IsWanted()) throw std::invalid_argument("mode udp has no TLS");
-    CheckTls(tuning.tls, serve->parsed());
+    CheckTls(tuning.tls, serve->parsed() || meeting.listens);
     settings.caDir = tuning.tls.caDir;
   } catch (const CLI::CallForHelp& help) {
     return app.exit(help);
@@ -185,6 +258,8 @@ int Run(int argc, char** argv) {
     if (*send) return Send(console, settings, end, tuning, values, waitMillis);
     if (*get) return Get(console, settings, url, tuning.tls, showHeader, file);
     if (*ws) return WebSocket(console, settings, url, tuning.tls, quietMillis);
+    if (*linked) return ServeLink(console, settings, link, talk);
+    if (*remote) return Remote(console, settings, meeting, tuning, talk);
     if (*tree) return Tree(console, settings);
     if (*look) return Certs(console, settings, file);
     if (*peer) return DemoPeer(console, settings, portsFd, certs);

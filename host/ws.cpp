@@ -26,7 +26,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kUpgradeMillis = 20'000;
 constexpr int kNoObject = 1010;
 
 /// How long nothing has been said, by either side. Any thread.
@@ -140,20 +139,6 @@ bool IsEnd(const Event& event) {
   return event.event == "Closed" || (event.event == "Error" && event.value.Integer() == kClosed);
 }
 
-void Upgrade(const Session& session, const std::string& client, const Url& url) {
-  session.SetProp(client, "WSFeatures", kWsAutoUpgrade | kWsStrict);
-  session.SetProp(client, "WSUpgrade", ZValue::List({url.target, url.Authority()}));
-  const Event event = session.Wait(client, kUpgradeMillis);
-  if (event.code != 0 || event.IsTimeout())
-    throw session.Lib().Error("no WebSocket", event.code != 0 ? event.code : kTimeout);
-  if (event.event == "HTTPHeader") {
-    const std::string answer = event.value.Text();
-    throw std::runtime_error("no WebSocket: " + answer.substr(0, answer.find_first_of("\r\n")));
-  }
-  if (event.event != "WSUpgrade")
-    throw session.Lib().Error("no WebSocket", static_cast<int>(event.value.Integer()));
-}
-
 }  // namespace
 
 int WebSocket(const Console& console, const Settings& settings, const Url& url, const Tls& tls,
@@ -164,7 +149,7 @@ int WebSocket(const Console& console, const Settings& settings, const Url& url, 
   tuning.tls = tls;
   const std::string client =
       session.Client(ClientOptions("", {"http", url.host, url.port}, tuning));
-  Upgrade(session, client, url);
+  UpgradeToWebSocket(session, client, url);
 
   Silence silence;
   LineSender sender(session, client, &silence, waitMillis);

@@ -10,6 +10,7 @@ namespace {
 
 constexpr int kOpcodeClose = 8;
 constexpr int kTooLong = 1009;
+constexpr int kUpgradeMillis = 20'000;
 
 /// The parts as one vector of the widest of their types.
 ZValue Join(const std::vector<ZValue>& parts) {
@@ -62,6 +63,20 @@ void WsEcho::Handle(const Event& event) {
     messages.erase(event.name);
     session.Send(event.name, WsCloseFrame(kTooLong), kSendAndClose);
   }
+}
+
+void UpgradeToWebSocket(const Session& session, const std::string& client, const Url& url) {
+  session.SetProp(client, "WSFeatures", kWsAutoUpgrade | kWsStrict);
+  session.SetProp(client, "WSUpgrade", ZValue::List({url.target, url.Authority()}));
+  const Event event = session.Wait(client, kUpgradeMillis);
+  if (event.code != 0 || event.IsTimeout())
+    throw session.Lib().Error("no WebSocket", event.code != 0 ? event.code : kTimeout);
+  if (event.event == "HTTPHeader") {
+    const std::string answer = event.value.Text();
+    throw std::runtime_error("no WebSocket: " + answer.substr(0, answer.find_first_of("\r\n")));
+  }
+  if (event.event != "WSUpgrade")
+    throw session.Lib().Error("no WebSocket", static_cast<int>(event.value.Integer()));
 }
 
 ZValue WsFrame(const ZValue& data) { return ZValue::List({data, 1}); }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/library.h"
+#include "host/url.h"
 
 namespace host {
 
@@ -42,6 +43,10 @@ class WsEcho {
   const Session& session;
   std::map<std::string, WsMessage> messages;  // by connection
 };
+
+/// Makes a WebSocket of a client of mode http, by the letter of RFC 6455. Throws with the server's
+/// answer when it is another.
+void UpgradeToWebSocket(const Session& session, const std::string& client, const Url& url);
 
 /// One whole message, or, with an opcode of its own, any frame.
 ZValue WsFrame(const ZValue& data);
