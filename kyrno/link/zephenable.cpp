@@ -29,6 +29,7 @@ static constexpr UI4 MODULE = 0x00001000;
 namespace {
 
 constexpr UI4 kBeatMillis = 5000;  // between tries of a link that polls
+constexpr UI4 kFreeMillis = 5000;  // how long turning on waits for a name that is still in use
 constexpr UI4 kGoingMillis = 100;  // how long turning off waits for what goes
 constexpr CH1 kLinkVersion[] = "3.2.1503.0";
 constexpr CH1 DefaultAddr[] = "::1";
@@ -209,7 +210,7 @@ SI4 Serve(UI4 epoch, TDirection direction, PCH10 name, PCH10 address, PROTOCOL p
 
   ROOTSHARE share;
   if (!share.Open(kZephRoot)) return ERR_ROOT_NOT_FOUND;
-  (void)WaitGone(share, name, kGoingMillis);
+  (void)WaitGone(share, name, kFreeMillis);
   if (!share.Root()) return ERR_ROOT_NOT_FOUND;
   std::unique_ptr<SERVER> server;
   code = MakeServer(share, &plan, &server);
@@ -260,7 +261,7 @@ SI4 TryConnect(UI4 epoch) {
   ROOTSHARE share;
   if (!share.Open(kZephRoot)) return ERR_ROOT_NOT_FOUND;
   // The last one may not be out of the tree yet.
-  (void)WaitGone(share, kClient, kGoingMillis);
+  (void)WaitGone(share, kClient, kFreeMillis);
   if (!share.Root()) return ERR_ROOT_NOT_FOUND;
   const PROTOCOL prot = Config()->Protocol;
   std::unique_ptr<CONNECTION> client;
