@@ -159,6 +159,7 @@ __attribute__((destructor)) void onUnload() {
   }
   LOG(1, ("Kyrno Unloaded"));
   RPCUnloadLibrary();
+  (void)InitLog(nullptr);
 }
 
 SI4 Version(UI4* v) {

@@ -138,7 +138,7 @@ SI4 Zeph2Errortext(SI4 code, PCH1 text, UI4 size) {
   CH1 value[kSettingSize] = {0};
   switch (code) {
     case ERR_PARSE_ZEPH_INIT:
-      if (setting) setting("ZEPH\\INIT", value, sizeof value - 1);
+      ReadSetting(setting, "ZEPH\\INIT", value, sizeof value);
       words.Put("ZEPH_INIT setting (").Put(value).Put(") is invalid ");
       break;
     case ERR_ZEPH_CONNECT:
@@ -178,7 +178,7 @@ KYRNO_EXPORT TKYRNOFNS* Zeph2Init(tZeph2Config* config) {
   }
 
   CH1 loadPath[kLoadPathSize] = {0};
-  if (setting) setting("TESSOR", loadPath, sizeof loadPath - 1);
+  ReadSetting(setting, "TESSOR", loadPath, sizeof loadPath);
   InitTried.store(true, std::memory_order_release);
   const SI4 code = CreateRoot(kZephRoot, loadPath);
   LOG(2, ("Zeph2Init %d", code));

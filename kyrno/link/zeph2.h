@@ -27,7 +27,7 @@ inline constexpr UI4 kBlockArrived = 3;
 inline constexpr UI4 kConnectionGone = 4;
 /// Writes the value of a setting into buffer, terminated. On the thread that calls Zeph2Enable or
 /// Zeph2Errortext, or Zeph2Init.
-using TCommConfig = SI4 (*)(PCH10 key, PCH1 buffer, size_t size);
+using TCommConfig = SI4 (*)(PCH1 key, PCH1 buffer, size_t size);
 
 enum TZeph2State : UI4 {
   Zeph2Idle,       // nothing goes on

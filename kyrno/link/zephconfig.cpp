@@ -25,6 +25,7 @@ namespace {
 constexpr SI4 kBadListen = 1506;
 constexpr SI4 kBadConnect = 1507;
 constexpr size_t kMaxValue = 2048;
+constexpr size_t kMaxKey = 32;  // of a setting
 constexpr SI4 kLeastBlock = 9;  // a header and one byte
 constexpr UI4 kMaxPort = 65535;
 constexpr CH1 kNotFound[] = "notfound";  // of "Direction"
@@ -84,17 +85,10 @@ bool FindWord(const WORD<VALUE> (&words)[N], PCH10 text, VALUE* value) {
 
 // ---- the settings
 
-/// One setting, always terminated.
-void ReadSetting(const tZeph2Config& config, PCH10 key, PCH1 out, size_t size) {
-  memset(out, 0, size);
-  if (config.CommConfig) config.CommConfig(key, out, size);
-  out[size - 1] = 0;
-}
-
 /// The file beside the user's own ones. False when its name is too long.
 bool UseUsersFile(tZeph2Config* config) {
   CH1 folder[kMaxValue];
-  ReadSetting(*config, "TESSORUSERDIR", folder, sizeof folder);
+  ReadSetting(config->CommConfig, "TESSORUSERDIR", folder, sizeof folder);
   const size_t n = strlen(folder);
   constexpr size_t kSize = sizeof config->ConfigFile;
   const int length = snprintf(config->ConfigFile, kSize, "%s%szeph.ini", folder,
@@ -105,7 +99,7 @@ bool UseUsersFile(tZeph2Config* config) {
 /// Only where nothing has given a direction yet.
 SI4 ReadEndpoint(tZeph2Config* config, PCH10 key, TDirection direction, SI4 refusal) {
   CH1 text[kMaxValue];
-  ReadSetting(*config, key, text, sizeof text);
+  ReadSetting(config->CommConfig, key, text, sizeof text);
   if (!*text || config->Direction != DIRUndefined) return 0;
   config->Direction = direction;
   rs_parse(text, text + strlen(text), config);
@@ -115,7 +109,7 @@ SI4 ReadEndpoint(tZeph2Config* config, PCH10 key, TDirection direction, SI4 refu
 SI4 ReadSettings(tZeph2Config* config) {
   SI4 code = 0;
   CH1 text[kMaxValue];
-  ReadSetting(*config, "ZEPH\\INIT", text, sizeof text);
+  ReadSetting(config->CommConfig, "ZEPH\\INIT", text, sizeof text);
   if (*text) {
     ParseZephInit(text, config);
     if (config->Direction == DIRUndefined) code = ERR_PARSE_ZEPH_INIT;
@@ -127,7 +121,8 @@ SI4 ReadSettings(tZeph2Config* config) {
   if (const SI4 refusal = ReadEndpoint(config, "ZEPH\\CONNECT", DIRConnect, kBadConnect))
     code = refusal;
   if (!*config->ConfigFile)
-    ReadSetting(*config, "ZEPH\\CONFIGURATION", config->ConfigFile, sizeof config->ConfigFile);
+    ReadSetting(config->CommConfig, "ZEPH\\CONFIGURATION", config->ConfigFile,
+                sizeof config->ConfigFile);
   return code;
 }
 
@@ -279,6 +274,14 @@ SI4 Read(tZeph2Config* config, const REF<RootCerts>& roots, const REF<SessionCac
 }
 
 }  // namespace
+
+void ReadSetting(TCommConfig ask, PCH10 key, PCH1 out, size_t size) {
+  memset(out, 0, size);
+  CH1 own[kMaxKey];
+  snprintf(own, sizeof own, "%s", key);
+  if (ask) ask(own, out, size);
+  out[size - 1] = 0;
+}
 
 SI4 Zeph2ReadConfigfile(tZeph2Config* config, const REF<RootCerts>& roots,
                         const REF<SessionCache2>& sessions) {

@@ -23,6 +23,9 @@
 [[nodiscard]] SI4 Zeph2ReadConfigfile(tZeph2Config* config, const REF<RootCerts>& roots,
                                       const REF<SessionCache2>& sessions);
 
+/// One of the interpreter's settings, always terminated; empty without somebody to ask.
+void ReadSetting(TCommConfig ask, PCH10 key, PCH1 out, size_t size);
+
 /// Reads the filters of ConfigFile into pAllow and pDeny. 0, ERR_MEMORY_ALLOC, or ERR_INVALID_ADDR,
 /// which one in a line that is too long for PLATIni gives too: a part of it is another filter.
 [[nodiscard]] SI4 Zeph2Peers(tZeph2Config* config);

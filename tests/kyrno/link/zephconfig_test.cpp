@@ -42,7 +42,7 @@ class ZephConfig : public ::testing::Test {
   }
   SI4 Read() {
     ClearConfig(&config);
-    config.CommConfig = [](PCH10 key, PCH1 out, size_t size) {
+    config.CommConfig = [](PCH1 key, PCH1 out, size_t size) {
       return snprintf(out, size, "%s", settings[key].c_str());
     };
     return Zeph2ReadConfigfile(&config, roots, sessions);
