@@ -45,7 +45,7 @@ void ReadTexts(const std::string& text) {
 
 void ReadFile(const REF<RootCerts>& roots, const REF<SessionCache2>& sessions) {
   tZeph2Config config{};
-  config.CommConfig = [](PCH10 key, PCH1 out, size_t size) {
+  config.CommConfig = [](PCH1 key, PCH1 out, size_t size) {
     return strcmp(key, "ZEPH\\CONFIGURATION") == 0 ? snprintf(out, size, "%s", path.c_str()) : 0;
   };
   const SI4 code = Zeph2ReadConfigfile(&config, roots, sessions);
