@@ -1,4 +1,7 @@
 // main.cpp - the command line of kyrno-host.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <limits>
 
@@ -276,6 +279,18 @@ int Run(int argc, char** argv) {
   return kExitUsage;
 }
 
+/// Where standard input or output is closed, something else would get its number and be read as it.
+void OpenStandard() {
+  int fd;
+  do {
+    fd = open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) close(fd);
+}
+
 }  // namespace
 
-int main(int argc, char** argv) { return Run(argc, argv); }
+int main(int argc, char** argv) {
+  OpenStandard();
+  return Run(argc, argv);
+}

@@ -63,8 +63,8 @@ class Environment {
   /// Until all is said, or nothing can come any more.
   void Run() {
     while (!Interrupted() && !talk->IsOver()) {
-      const bool sent = SendLines();
-      const Event event = session.Wait(waited, sent ? 0 : kTurnMillis);
+      const bool any = SendLines();
+      const Event event = session.Wait(waited, any ? 0 : kTurnMillis);
       if (event.IsTimeout()) continue;
       if (event.code == kNoObject) return;
       if (event.code != 0) throw session.Lib().Error("AWaitZ " + waited, event.code);
@@ -134,17 +134,18 @@ class Environment {
     }
   }
 
-  /// What there is of standard input, waiting for none. Whether anything was sent.
+  /// What there is of standard input, waiting for none. Whether there was anything: more may
+  /// follow.
   bool SendLines() {
     pollfd wanted{talk->InputFd(), POLLIN, 0};
-    if (wanted.fd >= 0 && poll(&wanted, 1, 0) > 0) talk->ReadInput();
-    bool sent = false;
+    bool any = wanted.fd >= 0 && poll(&wanted, 1, 0) > 0;
+    if (any) talk->ReadInput();
     while (const std::string* const line = talk->IsConnected() ? talk->Line() : nullptr) {
       Send(*line);
       talk->Sent();
-      sent = true;
+      any = true;
     }
-    return sent;
+    return any;
   }
 
   void Send(const std::string& block) {

@@ -23,8 +23,9 @@ SI4 LoadFiles(const tZeph2Config& config, CERTDATA* cert) {
   if (config.pPublicCertFile)
     if (const SI4 code = cert->LoadCertFile(config.pPublicCertFile)) return code;
   PCH10 const key = config.pPrivateKeyFile;
-  if (!key) return 0;
-  if (cert->certsCount == 0) return ERR_INVALID_CERTIFICATE;
+  if (!key && !config.pPublicCertFile) return 0;
+  // One without the other is none: the link would be there without what was asked for.
+  if (!key || cert->certsCount == 0) return ERR_INVALID_CERTIFICATE;
   return strncmp(key, kUrl, kUrlLen) == 0 ? cert->LoadKeyUrl(key + kUrlLen)
                                           : cert->LoadKeyFile(key);
 }
@@ -54,6 +55,8 @@ SI4 Zeph2Cert(tZeph2Config* config, const REF<RootCerts>& roots,
   // Deliberate: what doesn't do is told by the server or client that is made of it.
   const SI4 made = TLSCREDENTIALS::Make(cert.Get(), IsServer(*config), &cert->saved);
   LOG(2, ("Credentials of the link: %d", made));
+  // A client would go without a certificate that its key does not fit.
+  if (!IsServer(*config) && cert->certsCount > 0) return ERR_INVALID_CERTIFICATE;
   config->pCert = cert.Release();
   return 0;
 }

@@ -4,7 +4,6 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +15,7 @@
 #include "kyrno/base/log.h"
 #include "kyrno/link/zephcert.h"
 #include "kyrno/link/zephgrammar.h"
+#include "kyrno/link/zephini.h"
 #include "util/freed.h"
 
 static constexpr UI4 MODULE = 0x00001000;
@@ -106,14 +106,16 @@ SI4 ReadEndpoint(tZeph2Config* config, PCH10 key, TDirection direction, SI4 refu
   return config->Direction == DIRUndefined ? refusal : 0;
 }
 
-SI4 ReadSettings(tZeph2Config* config) {
+/// *isNamed: "ZEPH\\INIT" has given the file. The others are where one may be.
+SI4 ReadSettings(tZeph2Config* config, bool* isNamed) {
   SI4 code = 0;
   CH1 text[kMaxValue];
   ReadSetting(config->CommConfig, "ZEPH\\INIT", text, sizeof text);
   if (*text) {
     ParseZephInit(text, config);
     if (config->Direction == DIRUndefined) code = ERR_PARSE_ZEPH_INIT;
-    if (!*config->ConfigFile && !UseUsersFile(config) && !code) code = ERR_ZEPH_INI_NOT_FOUND;
+    *isNamed = *config->ConfigFile;
+    if (!*isNamed && !UseUsersFile(config) && !code) code = ERR_ZEPH_INI_NOT_FOUND;
   }
   // The last refusal counts.
   if (const SI4 refusal = ReadEndpoint(config, "ZEPH\\LISTEN", DIRListen, kBadListen))
@@ -128,60 +130,7 @@ SI4 ReadSettings(tZeph2Config* config) {
 
 // ---- the file
 
-struct CLOSE {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using FILEHOLD = std::unique_ptr<FILE, CLOSE>;
-
-/// One value of the file after another.
-class INIVALUE {
- public:
-  explicit INIVALUE(PCH10 name) : file(name) {}
-
-  /// Until the next call.
-  PCH10 Text(PCH10 section, PCH10 key, PCH10 missing = "") {
-    memset(text, 0, sizeof text);
-    PLATIni(section, key, missing, text, sizeof text - 1, file);
-    return text;
-  }
-  PCH10 Text(PCH10 key) { return Text("Zeph", key); }
-  /// Text that is no number is 0, a negative one wraps, one that is too large is the largest.
-  UI4 Number(PCH10 key, UI4 missing) {
-    if (!*Text(key)) return missing;
-    return static_cast<UI4>(
-        std::clamp(strtol(text, nullptr, 10), static_cast<long>(INT32_MIN), long{UINT32_MAX}));
-  }
-
-  /// Is the text less than its line has? Of a long line only the first piece is read.
-  bool IsCut() const {
-    const FILEHOLD ini(fopen(file, "re"));
-    if (!ini) return true;
-    CH1 piece[INISTRSIZE];
-    while (fgets(piece, sizeof piece, ini.get())) {
-      const size_t n = strlen(piece);
-      if (n < sizeof piece - 1 || piece[n - 1] == '\n') continue;
-      const PCH10 equals = strchr(piece, '=');
-      if (!equals || strcmp(equals + 1, text) != 0) continue;
-      const int next = fgetc(ini.get());
-      if (next != EOF && next != '\r' && next != '\n') return true;
-      ungetc(next, ini.get());
-    }
-    return false;
-  }
-
- private:
-  const PCH10 file;
-  CH1 text[kMaxValue] = {};
-};
-
-/// A file that is there and can't be read isn't one that asks for nothing.
-bool IsReadable(PCH10 name) {
-  const FILEHOLD file(fopen(name, "re"));
-  if (!file) return errno == ENOENT || errno == ENOTDIR;
-  return fgetc(file.get()) != EOF || !ferror(file.get());
-}
-
-SI4 ReadDirection(INIVALUE* ini, tZeph2Config* config) {
+SI4 ReadDirection(INIFILE* ini, tZeph2Config* config) {
   const PCH10 word = ini->Text("Zeph", "Direction", kNotFound);
   const SI4 code = strcmp(word, kNotFound) == 0 ? ERR_ZEPH_INI_NOT_FOUND : 0;
   FindWord(kDirections, word, &config->Direction);  // any other word changes nothing
@@ -191,27 +140,26 @@ SI4 ReadDirection(INIVALUE* ini, tZeph2Config* config) {
   return code;
 }
 
-SI4 ReadFile(tZeph2Config* config) {
-  INIVALUE ini(config->ConfigFile);
-  SI4 code = IsReadable(config->ConfigFile) ? 0 : ERR_ZEPH_INI_NOT_FOUND;
+SI4 ReadFile(INIFILE* ini, bool isNamed, tZeph2Config* config) {
+  SI4 code = ini->Check(isNamed);
   const auto note = [&code](SI4 other) {
     if (!code) code = other;
   };
   // What comes behind a failure is read as well: the log is among it.
   if (config->Direction == DIRUndefined || config->Direction == DIRConfig)
-    note(ReadDirection(&ini, config));
+    note(ReadDirection(ini, config));
   for (const auto& one : kTexts)
-    if (!SetText(&(config->*one.field), ini.Text("Zeph", one.key, one.missing)))
+    if (!SetText(&(config->*one.field), ini->Text("Zeph", one.key, one.missing)))
       note(ERR_MEMORY_ALLOC);
-  for (const auto& one : kNumbers) config->*one.field = ini.Number(one.key, one.missing);
+  for (const auto& one : kNumbers) config->*one.field = ini->Number(one.key, one.missing);
   if (static_cast<SI4>(config->MaxBlockSize) < kLeastBlock) note(ERR_ARG_INVALID);
 
   config->Protocol = PAny;
-  FindWord(kProtocols, ini.Text("Protocol"), &config->Protocol);
+  FindWord(kProtocols, ini->Text("Protocol"), &config->Protocol);
   // Whoever writes another word asks for something, and never gets a plain link for it.
   config->Secure = SECPlain;
-  if (!FindWord(kSecure, ini.Text("Secure"), &config->Secure)) note(ERR_ARG_INVALID);
-  if (config->Secure == SECSecure && !SetText(&config->pAcceptCertDir, ini.Text("AcceptCertDir")))
+  if (!FindWord(kSecure, ini->Text("Secure"), &config->Secure)) note(ERR_ARG_INVALID);
+  if (config->Secure == SECSecure && !SetText(&config->pAcceptCertDir, ini->Text("AcceptCertDir")))
     note(ERR_MEMORY_ALLOC);
   return code;
 }
@@ -223,7 +171,7 @@ void Replace(T** field, REF<T> fresh) {
   *field = fresh.Release();
 }
 
-SI4 ReadPeers(INIVALUE* ini, PCH10 section, PRANGES* out) {
+SI4 ReadPeers(INIFILE* ini, PCH10 section, PRANGES* out) {
   static constexpr struct {
     PCH10 key;
     SI4 (RANGES::*load)(PCH10);
@@ -235,13 +183,18 @@ SI4 ReadPeers(INIVALUE* ini, PCH10 section, PRANGES* out) {
     if (!*text) continue;
     if (!ranges) ranges = REF<RANGES>(new (std::nothrow) RANGES);
     if (!ranges) return ERR_MEMORY_ALLOC;
-    const SI4 code = ini->IsCut() ? ERR_INVALID_ADDR : (ranges.Get()->*family.load)(text);
+    const SI4 code = (ranges.Get()->*family.load)(text);
     if (!code) continue;
     LOG(1, ("%s %s isn't usable: %d", section, family.key, code));
     return code;
   }
   Replace(out, std::move(ranges));
   return 0;
+}
+
+SI4 ReadFilters(INIFILE* ini, tZeph2Config* config) {
+  const SI4 code = ReadPeers(ini, "AllowEndpoints", &config->pAllow);
+  return code ? code : ReadPeers(ini, "DenyEndpoints", &config->pDeny);
 }
 
 SI4 ReadAccepted(tZeph2Config* config) {
@@ -265,9 +218,13 @@ void Assign(tZeph2Config* to, const tZeph2Config& from) {
 }
 
 SI4 Read(tZeph2Config* config, const REF<RootCerts>& roots, const REF<SessionCache2>& sessions) {
-  SI4 code = ReadSettings(config);
-  if (!code) code = ReadFile(config);
-  if (!code) code = Zeph2Peers(config);
+  bool isNamed = false;
+  SI4 code = ReadSettings(config, &isNamed);
+  if (code) return code;
+  INIFILE ini(config->ConfigFile);
+  code = ReadFile(&ini, isNamed, config);
+  if (!code) code = ReadFilters(&ini, config);
+  if (!code && !ini.IsWhole()) code = ERR_ZEPH_INI_NOT_FOUND;
   if (!code && config->Secure != SECPlain) code = Zeph2Cert(config, roots, sessions);
   if (!code) code = ReadAccepted(config);
   return code;
@@ -291,9 +248,9 @@ SI4 Zeph2ReadConfigfile(tZeph2Config* config, const REF<RootCerts>& roots,
 }
 
 SI4 Zeph2Peers(tZeph2Config* config) {
-  INIVALUE ini(config->ConfigFile);
-  const SI4 code = ReadPeers(&ini, "AllowEndpoints", &config->pAllow);
-  return code ? code : ReadPeers(&ini, "DenyEndpoints", &config->pDeny);
+  INIFILE ini(config->ConfigFile);
+  const SI4 code = ini.Check(false);
+  return code ? code : ReadFilters(&ini, config);
 }
 
 bool SetText(PCH1* field, PCH10 text) {

@@ -23,6 +23,7 @@
 #include "kyrno/modes/websocket.h"
 #include "kyrno/tls/sslcontrol.h"
 #include "sys/linux/fdhold.h"
+#include "util/ref.h"
 
 static constexpr UI4 MODULE = 0x00001000;
 
@@ -48,35 +49,20 @@ constinit UI4 Epoch GUARDED_BY(ZephLock) = 0;
 
 PZeph2Config Config() { return Zeph2Functions.pZeph2Config; }
 
-/// Ends connects that are under way.
-class GIVEUP {
+/// Ends the connects of one epoch: raised once, it stays so, and the next epoch has another.
+class GIVEUP : public COUNTED {
  public:
-  int Get() {
-    int fd = event.load(std::memory_order_acquire);
-    if (fd >= 0) return fd;
-    const int fresh = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (event.compare_exchange_strong(fd, fresh, std::memory_order_acq_rel)) return fresh;
-    if (fresh >= 0) close(fresh);
-    return fd;
-  }
+  int Get() const { return event.Get(); }
   void Raise() {
     const UI8 one = 1;
     if (write(Get(), &one, sizeof one) < 0) LOG(1, ("Giving up failed %d", errno));
   }
-  void Lower() {
-    UI8 count = 0;
-    if (read(Get(), &count, sizeof count) < 0 && errno != EAGAIN)
-      LOG(1, ("Going on failed %d", errno));
-  }
-  void Close() {
-    const int fd = event.exchange(-1, std::memory_order_acq_rel);
-    if (fd >= 0) close(fd);
-  }
 
  private:
-  std::atomic<int> event{-1};
+  const FDHOLD event{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
 };
-constinit GIVEUP GiveUp;
+/// One count; null while nothing of this epoch has connected.
+constinit GIVEUP* GiveUp GUARDED_BY(ZephLock) = nullptr;
 
 /// The thread that polls: made when it is first wanted, it stays until the library goes.
 struct POLLING {
@@ -242,17 +228,28 @@ SI4 ServeAll(UI4 epoch, TDirection direction) {
   return first && second ? NoteFailure(second, ERR_ZEPH_LISTEN) : 0;
 }
 
-/// A client that is connected.
-SI4 Dial(ROOTSHARE& share, PROTOCOL prot, std::unique_ptr<CONNECTION>* client) {
-  OBJECTPLAN plan;
-  if (const SI4 code = Plan(kClient, Config()->pAddress, prot, &plan)) return code;
-  plan.giveUp = GiveUp.Get();
-  return MakeClient(share, &plan, client);
+/// What ends a connect of this epoch; none when the epoch is over, or without memory.
+REF<GIVEUP> JoinGiveUp(UI4 epoch) {
+  MUTEXHOLD hold(ZephLock);
+  if (Epoch != epoch) return {};
+  if (!GiveUp) GiveUp = new (std::nothrow) GIVEUP;
+  return REF<GIVEUP>::Share(GiveUp);
 }
 
-bool IsCurrent(UI4 epoch) {
-  MUTEXHOLD hold(ZephLock);
-  return Epoch == epoch;
+/// Begins one; what the connects of the one before are to be ended with.
+REF<GIVEUP> BeginEpoch() TSA(requires_capability(ZephLock)) {
+  ++Epoch;
+  return REF<GIVEUP>(std::exchange(GiveUp, nullptr));
+}
+
+/// A client that is connected.
+SI4 Dial(ROOTSHARE& share, UI4 epoch, PROTOCOL prot, std::unique_ptr<CONNECTION>* client) {
+  const REF<GIVEUP> giveUp = JoinGiveUp(epoch);
+  if (!giveUp) return ERR_INVALID_OBJECT;
+  OBJECTPLAN plan;
+  if (const SI4 code = Plan(kClient, Config()->pAddress, prot, &plan)) return code;
+  plan.giveUp = giveUp->Get();
+  return MakeClient(share, &plan, client);
 }
 
 /// One attempt to connect outward, which begins a session.
@@ -266,8 +263,8 @@ SI4 TryConnect(UI4 epoch) {
   const PROTOCOL prot = Config()->Protocol;
   std::unique_ptr<CONNECTION> client;
   SI4 code = ERR_NEW;
-  if (prot != PIPv4) code = Dial(share, PIPv6, &client);
-  if (code && prot != PIPv6 && share.Root() && IsCurrent(epoch)) code = Dial(share, PIPv4, &client);
+  if (prot != PIPv4) code = Dial(share, epoch, PIPv6, &client);
+  if (code && prot != PIPv6 && share.Root()) code = Dial(share, epoch, PIPv4, &client);
   if (code) return code;
 
   MUTEXHOLD hold(ZephLock);
@@ -348,7 +345,6 @@ SI4 Enable(UI4 epoch) {
     if (Epoch == epoch) Publish(Zeph2Functions.Zeph2Enabled, 0);
     return code;
   }
-  GiveUp.Lower();
   const TDirection direction = Direction();
   switch (direction) {
     case DIRConnect:
@@ -405,7 +401,6 @@ SI4 Disable() {
     // Nothing of what goes is an event any more.
     EndSession(Zeph2Idle);
   }
-  GiveUp.Raise();
   const SI4 code = Close(direction, session);
   ZephBlocks.DropUnseen();
   return code;
@@ -415,30 +410,32 @@ SI4 Disable() {
 
 SI4 Zeph2Enable(SI4 enable) {
   UI4 epoch = 0;
+  REF<GIVEUP> former;
   {
     MUTEXHOLD hold(ZephLock);
     if (!Config()) return ERR_INVALID_OBJECT;
     if (Published(Zeph2Functions.Zeph2Enabled) == enable) return 0;
     Publish(Zeph2Functions.Zeph2Enabled, enable);
-    epoch = ++Epoch;
+    former = BeginEpoch();
+    epoch = Epoch;
   }
+  if (former) former->Raise();
   return enable == 0 ? Disable() : Enable(epoch);
 }
 
 void EndZephPolling() {
   POLLING* polling = nullptr;
+  REF<GIVEUP> former;
   {
     MUTEXHOLD hold(ZephLock);
     polling = std::exchange(Polling, nullptr);
-    ++Epoch;
+    former = BeginEpoch();
     if (polling) polling->ends = true;
     if (Config()) Config()->pConnectThread = nullptr;
   }
-  if (polling) {
-    GiveUp.Raise();
-    polling->beat.release(1);
-    polling->thread.reset();
-    delete polling;
-  }
-  GiveUp.Close();
+  if (former) former->Raise();
+  if (!polling) return;
+  polling->beat.release(1);
+  polling->thread.reset();
+  delete polling;
 }

@@ -127,6 +127,7 @@ class CONNECTION : public RPCOBJS {
   /// bytes. Above kMostWaiting nothing more is read.
   void UnitAdded() WORK_ONLY { ++cntWaiting; }
   void UnitGone() WORK_ONLY { --cntWaiting; }
+  UI4 CountWaiting() const WORK_ONLY { return cntWaiting; }
   /// A child receives, or its rest is dropped.
   bool IsReceiving() const WORK_ONLY { return phRead || Skip > 0; }
   /// Children that wait to be sent.

@@ -147,22 +147,19 @@ SI4 ListSections(FILE* file, PCH1 out, UI4 size) {
   return names.Close();
 }
 
-SI4 ReadIni(PCH10 section, PCH10 key, PCH10 deflt, PCH1 out, UI4 size, PCH10 file) {
-  const FILEHOLD ini(file ? fopen(file, "re") : nullptr);
-  if (!ini) {
-    LOG(2, ("Can't open file %s", Shown(file)));
-    return CopyDefault(deflt, out, size);
-  }
-  if (!section) return ListSections(ini.get(), out, size);
-  if (!FindSection(ini.get(), section)) {
+SI4 ReadIni(PCH10 section, PCH10 key, PCH10 deflt, PCH1 out, UI4 size, FILE* ini) {
+  // rewind() would forget an error.
+  if (!ini || fseek(ini, 0, SEEK_SET) != 0) return CopyDefault(deflt, out, size);
+  if (!section) return ListSections(ini, out, size);
+  if (!FindSection(ini, section)) {
     LOG(2, ("Can't find section %s", section));
     return CopyDefault(deflt, out, size);
   }
-  if (!key) return GetKeys(ini.get(), out, size);
+  if (!key) return GetKeys(ini, out, size);
 
   const size_t n = strlen(key);
   CH1 line[INISTRSIZE];
-  while (ReadLine(ini.get(), line) && line[0] != '[') {
+  while (ReadLine(ini, line) && line[0] != '[') {
     KEYLINE parts;
     if (!ParseKeyLine(line, &parts) || parts.key[0] == ';') continue;
     if (parts.keyLen < n || strncasecmp(parts.key, key, n) != 0) continue;
@@ -304,6 +301,12 @@ QLNFPTR QLNLIB::fptr(PCH10 name) const {
 SI4 PLATIni(PCH10 section, PCH10 key, PCH10 deflt, PCH1 out, UI4 size, PCH10 file) {
   LOG(1, ("PLATIni %s %s %s %lu %s", Shown(section), Shown(key), Shown(deflt),
           static_cast<unsigned long>(size), Shown(file)));
+  const FILEHOLD ini(file ? fopen(file, "re") : nullptr);
+  if (!ini) LOG(2, ("Can't open file %s", Shown(file)));
+  return PLATIni(section, key, deflt, out, size, ini.get());
+}
+
+SI4 PLATIni(PCH10 section, PCH10 key, PCH10 deflt, PCH1 out, UI4 size, FILE* file) {
   const SI4 length = ReadIni(section, key, deflt, out, size, file);
   LOG(1, ("PLATIni returns %ld %.*s", static_cast<long>(length),
           out && size ? static_cast<int>(size - 1) : 0, out ? out : ""));

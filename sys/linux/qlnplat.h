@@ -141,6 +141,9 @@ using PQLNLIB = QLNLIB*;
 /// counts the names that found no room too; the list itself is always closed. With out null only
 /// the length is computed.
 SI4 PLATIni(PCH10 section, PCH10 key, PCH10 deflt, PCH1 out, UI4 size, PCH10 file);
+/// The same of a file that stays open, read from its beginning: who asks for several keys gets all
+/// of them from one file. Null is one that isn't there. The mark of an error stays in the file.
+SI4 PLATIni(PCH10 section, PCH10 key, PCH10 deflt, PCH1 out, UI4 size, FILE* file);
 
 /// The names of the keys from here to the end of the section, as PLATIni lists them.
 SI4 GetKeys(FILE* file, PCH1 out, UI4 size);

@@ -153,6 +153,15 @@ TEST_F(ZephConfig, FailsForWhatItCannotMeanAndReadsAnew) {
       {"Direction=http\n[DenyEndpoints]\n" + line + "6\n", ERR_INVALID_ADDR},
       {"Direction=http\n[DenyEndpoints]\n" + line, 0},
       {"Direction=http\n[DenyEndpoints]\n" + line + "\r\n", 0},
+      // What would be passed over: the end of a long line, a second section or key, one that begins
+      // like the key, and heads that do not stand in front.
+      {"Direction=http\n;" + std::string(130, ';') + "[x]\nSecure=secure\n", ERR_ARG_INVALID},
+      {"Direction=http\nAcceptCertDir=" + std::string(117, '/') + "x\n", ERR_ARG_INVALID},
+      {"Direction=http\n[Zeph]\nSecure=secure\n", ERR_ARG_INVALID},
+      {"Direction=http\nSecured=no\nSecure=secure\n", ERR_ARG_INVALID},
+      {"Direction=http\n [AllowEndpoints]\nIpv4=10.0.0.1\n", ERR_ARG_INVALID},
+      {"Direction=http\n[DenyEndpoints]\nIpv4=10.0.0.1\nIpv4=10.0.0.2\n", ERR_INVALID_ADDR},
+      {"Direction=http\n[ContentTypes]\njson=a/b\njs=a/c\n;" + std::string(200, ' ') + "\n", 0},
       {"Direction=http\nport=-1\n", 0},
   };
   for (const auto& row : rows) {
@@ -160,7 +169,7 @@ TEST_F(ZephConfig, FailsForWhatItCannotMeanAndReadsAnew) {
     EXPECT_EQ(Read(row.content), row.code);
     EXPECT_EQ(config.Direction, row.code ? DIRUndefined : DIRHttp);
     EXPECT_EQ(config.pAllow, nullptr);
-    EXPECT_EQ(config.pDeny != nullptr, !row.code && row.content.size() > 100);
+    EXPECT_EQ(config.pDeny != nullptr, !row.code && row.content.find(line) != std::string::npos);
   }
   EXPECT_EQ(config.Port, UINT32_MAX);  // no server can have it
 
@@ -170,6 +179,8 @@ TEST_F(ZephConfig, FailsForWhatItCannotMeanAndReadsAnew) {
   EXPECT_EQ(Read(), 0);
   settings["ZEPH\\CONFIGURATION"] = folder;  // it is there, and cannot be read
   EXPECT_EQ(Read(), ERR_ZEPH_INI_NOT_FOUND);
+  settings["ZEPH\\INIT"] = "connect:c:3,config:" + folder + "/nowhere.ini";
+  EXPECT_EQ(Read(), ERR_ZEPH_INI_NOT_FOUND);  // who names a file wants what it says
 }
 
 /// What was made with GnuTLS goes before that does.
