@@ -26,11 +26,21 @@ constexpr size_t kSettingSize = 220;
 constexpr UI4 kLoggedBytes = 4096;  // of a block
 constexpr SI4 kOutOfStream = -1;
 
-// The session's lock goes with a fork, as those of the roots do.
-void BeforeFork() TSA(no_thread_safety_analysis) { ZephLock.Lock(); }
-void AfterFork() TSA(no_thread_safety_analysis) { ZephLock.Unlock(); }
+// The locks of the session and of its blocks go with a fork, as those of the roots do.
+void BeforeFork() TSA(no_thread_safety_analysis) {
+  ZephLock.Lock();
+  ZephBlocks.BeforeFork();
+}
+void InParent() TSA(no_thread_safety_analysis) {
+  ZephBlocks.AfterFork();
+  ZephLock.Unlock();
+}
+void InChild() TSA(no_thread_safety_analysis) {
+  ForgetAttempts();
+  InParent();
+}
 pthread_once_t forkOnce = PTHREAD_ONCE_INIT;
-void PrepareForFork() { pthread_atfork(BeforeFork, AfterFork, AfterFork); }
+void PrepareForFork() { pthread_atfork(BeforeFork, InParent, InChild); }
 
 SI4 Zeph2Send(PCH1 data, UI4 length) {
   CH1 name[kFullNameSize + 1] = {0};
@@ -41,15 +51,14 @@ SI4 Zeph2Send(PCH1 data, UI4 length) {
   ROOTSHARE share;
   PHIERAKI const node = share.Open(kZephRoot) ? share.Root()->FindLeaf(name) : nullptr;
   if (!node) return ERR_INVALID_OBJECT;
+  PBUFFER block = nullptr;
+  if (const SI4 code = ComposeBlock(node, data, length, &block)) return code;
   // Deliberate: the zero behind the word is part of it, so the usual form, which goes on with a
   // closing quote, closes nothing.
   static constexpr CH1 kDisconnect[] = "[\"Disconnect";
   const bool last =
       length >= sizeof kDisconnect && memcmp(data, kDisconnect, sizeof kDisconnect) == 0;
-  const SI4 code = SendBlock(node, data, length, last ? 1 : 0);
-  // The connection closes by itself, which is no event.
-  if (!code && last) LeaveSession(node);
-  return code;
+  return SendInSession(node, block, last);
 }
 
 SI4 Zeph2GetBuffer(PVOID node, PCH1* data, PUI4 length) {
@@ -159,7 +168,6 @@ SI4 Zeph2Errortext(SI4 code, PCH1 text, UI4 size) {
 }  // namespace
 
 KYRNO_EXPORT TKYRNOFNS* Zeph2Init(tZeph2Config* config) {
-  pthread_once(&forkOnce, PrepareForFork);
   TKYRNOFNS& table = Zeph2Functions;
   const TCommNotify notify = config ? config->CommNotify : nullptr;
   const TCommConfig setting = config ? config->CommConfig : nullptr;
@@ -174,15 +182,21 @@ KYRNO_EXPORT TKYRNOFNS* Zeph2Init(tZeph2Config* config) {
       table.pZeph2Config = fresh;
     table.pZeph2Config->CommNotify = notify;
     table.pZeph2Config->CommConfig = setting;
-    if (again) return &table;
+    if (table.pZephRoot) return &table;
   }
 
   CH1 loadPath[kLoadPathSize] = {0};
   ReadSetting(setting, "TESSOR", loadPath, sizeof loadPath);
   InitTried.store(true, std::memory_order_release);
   const SI4 code = CreateRoot(kZephRoot, loadPath);
+  // Behind the handlers of the roots: the last ones are called first, and ZephLock comes before the
+  // guard of the roots.
+  pthread_once(&forkOnce, PrepareForFork);
   LOG(2, ("Zeph2Init %d", code));
   ROOTSHARE share;
+  MUTEXHOLD hold(ZephLock);
+  if (table.pZephRoot) return &table;
+  // Without a root the next call tries again.
   if (share.Open(kZephRoot)) {
     share.Object()->UseFnsReady = kOutOfStream;
     table.pZephRoot = share.Root();
@@ -200,10 +214,12 @@ KYRNO_EXPORT TKYRNOFNS* Zeph2Init(tZeph2Config* config) {
 void ZephStop() { EndZephPolling(); }
 
 void ZephUnload() {
-  ZephBlocks.DropAll();
+  // At the end of a program other threads may still be copying what they have looked at.
+  ZephBlocks.DropUnseen();
   MUTEXHOLD hold(ZephLock);
   tZeph2Config* const config = Zeph2Functions.pZeph2Config;
-  if (!config) return;
+  // One that is still in a name look-up needs what it was called with.
+  if (!config || IsTurning()) return;
   EndSession(Zeph2Idle);
   ClearConfig(config);
   free(config);

@@ -87,7 +87,3 @@ void ZEPHBLOCKS::Drop(PVOID number) {
 void ZEPHBLOCKS::DropUnseen() {
   DropSome(INT32_MAX, [](const ZEPHBLOCK& block) { return !block.seen; });
 }
-
-void ZEPHBLOCKS::DropAll() {
-  DropSome(INT32_MAX, [](const ZEPHBLOCK&) { return true; });
-}

@@ -22,7 +22,8 @@ struct ZEPHBLOCK {
 };
 
 /// Threads: any.
-/// Owner:   the process; DropAll at its end, since nothing static may do work then.
+/// Owner:   the process. What was looked at and not freed is there at its end, since another thread
+///          may be copying it then.
 class ZEPHBLOCKS {
  public:
   constexpr ZEPHBLOCKS() = default;
@@ -39,7 +40,10 @@ class ZEPHBLOCKS {
   void Drop(PVOID number);
   /// The session is over: drops what nobody has looked at. What was looked at stays.
   void DropUnseen();
-  void DropAll();
+
+  /// A fork takes the lock with it.
+  void BeforeFork() TSA(acquire_capability(Lock)) { Lock.Lock(); }
+  void AfterFork() TSA(release_capability(Lock)) { Lock.Unlock(); }
 
  private:
   template <typename WHICH>

@@ -29,9 +29,9 @@ static constexpr UI4 MODULE = 0x00001000;
 
 namespace {
 
-constexpr UI4 kBeatMillis = 5000;  // between tries of a link that polls
-constexpr UI4 kFreeMillis = 5000;  // how long turning on waits for a name that is still in use
-constexpr UI4 kGoingMillis = 100;  // how long turning off waits for what goes
+constexpr UI4 kBeatMillis = 5000;   // between tries of a link that polls
+constexpr F8 kFreeMicros = 5e6;     // how long turning on waits for a name that is still in use
+constexpr F8 kGoingMicros = 100e3;  // how long turning off waits for what goes
 constexpr CH1 kLinkVersion[] = "3.2.1503.0";
 constexpr CH1 DefaultAddr[] = "::1";
 constexpr CH1 kDefaultAddr4[] = "127.0.0.1";
@@ -46,6 +46,20 @@ constexpr SERVERNAMES kListen = {"ZephServer", "ZephServer4"};
 constexpr SERVERNAMES kHttp = {"HttpServer", "HttpServer4"};
 
 constinit UI4 Epoch GUARDED_BY(ZephLock) = 0;
+
+constinit UI4 Callers GUARDED_BY(ZephLock) = 0;  // threads in Zeph2Enable
+
+/// One of them, on its stack.
+struct CALLER {
+  CALLER() {
+    MUTEXHOLD hold(ZephLock);
+    ++Callers;
+  }
+  ~CALLER() {
+    MUTEXHOLD hold(ZephLock);
+    --Callers;
+  }
+};
 
 PZeph2Config Config() { return Zeph2Functions.pZeph2Config; }
 
@@ -72,13 +86,13 @@ struct POLLING {
 };
 constinit POLLING* Polling GUARDED_BY(ZephLock) = nullptr;
 
-/// Waits until nothing has this name below the link's root any more. False when it still has after
-/// so long.
-bool WaitGone(ROOTSHARE& share, PCH10 name, UI4 millis) {
-  const F8 until = Micros() + millis * 1e3;
+/// Waits until nothing has this name below the link's root any more. False when it still has then.
+bool WaitGone(ROOTSHARE& share, PCH10 name, F8 until) {
   ROOT* const root = share.Object();
   WAITER waiter(root->Waiters);
-  while (PHIERAKI const node = share.Root()->FindLeaf(name)) {
+  for (;;) {
+    PHIERAKI const node = share.Root()->FindLeaf(name);
+    if (!node) break;
     const F8 left = until - Micros();
     if (left <= 0 || waiter.AplWaitInit(node)) return false;
     // One that was unlinked before the registration wakes nobody.
@@ -91,7 +105,27 @@ bool WaitGone(ROOTSHARE& share, PCH10 name, UI4 millis) {
     share.Unpark();
     if (!inside) return true;
   }
+  // It leaves the tree before its socket is closed, both in one possession of the role.
+  if (root->IsOwnProcess()) {
+    root->TakeRoleFromCall();
+    root->GiveRoleFromCall();
+  }
   return true;
+}
+
+bool IsCurrent(UI4 epoch) {
+  MUTEXHOLD hold(ZephLock);
+  return Epoch == epoch;
+}
+
+/// Waits for a name that an earlier object of the link still has. False when it stays in use, the
+/// link was turned off meanwhile, or the root goes.
+bool WaitFree(ROOTSHARE& share, PCH10 name, UI4 epoch) {
+  const F8 until = Micros() + kFreeMicros;
+  do {
+    if (WaitGone(share, name, Micros() + kGoingMicros)) return share.Root() != nullptr;
+  } while (Micros() < until && IsCurrent(epoch) && !share.IsClosing());
+  return false;
 }
 
 /// Closes an object; false when there is none of this name.
@@ -102,14 +136,38 @@ bool CloseNamed(ROOTSHARE& share, PCH10 name) {
   return true;
 }
 
-/// Waits for an object that was closed; one that lingers, because its peer does, goes at once.
-void SeeOff(ROOTSHARE& share, PCH10 name) {
-  if (!share.Root() || WaitGone(share, name, kGoingMillis)) return;
-  if (PHIERAKI const node = share.Root()->FindLeaf(name)) {
+/// Waits for an object that was closed; a connection that lingers then, because its peer does, goes
+/// at once.
+void SeeOff(ROOTSHARE& share, PCH10 name, F8 until) {
+  if (!share.Root() || WaitGone(share, name, until)) return;
+  {
+    // Not one that another thread has begun meanwhile.
+    MUTEXHOLD hold(ZephLock);
+    PHIERAKI const node = share.Root()->FindLeaf(name);
+    PCH10 const current = Config() ? Config()->pCurrentConnection : nullptr;
+    const bool isNew = current && strcmp(current, name) == 0;
+    // A server waits for nothing but the work thread, which has it from Close.
+    if (!node || node->Obj()->Type == TServer || isNew) return;
     node->Obj()->Finish();
     share.Object()->ChangedSoon(node);
   }
-  (void)WaitGone(share, name, kGoingMillis);
+  (void)WaitGone(share, name, Micros() + kGoingMicros);
+}
+
+/// Waits until what was sent on a connection has left.
+void WaitSent(ROOTSHARE& share, PCH10 name, F8 until) {
+  PHIERAKI const node = share.Root() ? share.Root()->FindLeaf(name) : nullptr;
+  if (!node) return;
+  CH1 last[kFullNameSize + 1] = {0};
+  node->LoopSub(
+      [](PHIERAKI child, void* p) -> PHIERAKI {
+        const OBJSTATE state = child->Obj()->GetState();
+        if (state == SReadyToSend || state == SSending)
+          child->FullName(static_cast<PCH1>(p), kFullNameSize);
+        return nullptr;
+      },
+      last);
+  if (*last) (void)WaitGone(share, last, until);
 }
 
 // ---- on
@@ -196,17 +254,18 @@ SI4 Serve(UI4 epoch, TDirection direction, PCH10 name, PCH10 address, PROTOCOL p
 
   ROOTSHARE share;
   if (!share.Open(kZephRoot)) return ERR_ROOT_NOT_FOUND;
-  (void)WaitGone(share, name, kFreeMillis);
-  if (!share.Root()) return ERR_ROOT_NOT_FOUND;
+  if (!WaitFree(share, name, epoch) && !share.Root()) return ERR_ROOT_NOT_FOUND;
   std::unique_ptr<SERVER> server;
   code = MakeServer(share, &plan, &server);
   if (code) return code;
   MUTEXHOLD hold(ZephLock);
   if (Epoch != epoch) return ERR_INVALID_OBJECT;
   // Before the first peer comes. The other server may have a session already.
-  if (Published(Zeph2Functions.Zeph2State) == Zeph2Idle)
-    Publish(Zeph2Functions.Zeph2State, web ? Zeph2HttpSrv : Zeph2Listening);
-  return LinkObject(share, name, std::move(server));
+  const TZeph2State before = Published(Zeph2Functions.Zeph2State);
+  if (before == Zeph2Idle) Publish(Zeph2Functions.Zeph2State, web ? Zeph2HttpSrv : Zeph2Listening);
+  code = LinkObject(share, name, std::move(server));
+  if (code) Publish(Zeph2Functions.Zeph2State, before);
+  return code;
 }
 
 SI4 NoteFailure(SI4 reason, SI4 code) {
@@ -258,7 +317,7 @@ SI4 TryConnect(UI4 epoch) {
   ROOTSHARE share;
   if (!share.Open(kZephRoot)) return ERR_ROOT_NOT_FOUND;
   // The last one may not be out of the tree yet.
-  (void)WaitGone(share, kClient, kFreeMillis);
+  if (!WaitFree(share, kClient, epoch)) SeeOff(share, kClient, Micros());
   if (!share.Root()) return ERR_ROOT_NOT_FOUND;
   const PROTOCOL prot = Config()->Protocol;
   std::unique_ptr<CONNECTION> client;
@@ -297,6 +356,9 @@ UI4 Zeph2ConnectThread(PVOID polling) {
       own->beat.wait(kBeatMillis);
     else
       own->beat.wait();
+    // However often it was turned off and on, one try is due.
+    while (own->beat.wait(UI4{0}) == SemReleased) {
+    }
   }
 }
 
@@ -327,7 +389,16 @@ SI4 ConnectOnce(UI4 epoch) {
     MUTEXHOLD hold(ZephLock);
     Config()->Direction = DIRPoll;
   }
-  return Poll();
+  const SI4 code = Poll();
+  if (!code) return 0;
+  // What is told to have failed must not stand.
+  ROOTSHARE share;
+  const bool open = share.Open(kZephRoot);
+  MUTEXHOLD hold(ZephLock);
+  if (Epoch != epoch || !open) return code;
+  EndSession(Zeph2Idle);
+  (void)CloseNamed(share, kClient);
+  return code;
 }
 
 TDirection Direction() {
@@ -363,65 +434,90 @@ SI4 Enable(UI4 epoch) {
 
 // ---- off
 
+const SERVERNAMES& Names(TDirection direction) { return direction == DIRHttp ? kHttp : kListen; }
+
 /// Closes what stands. ERR_INVALID_OBJECT when the chief object is missing.
-SI4 Close(TDirection direction, PCH10 session) {
-  ROOTSHARE share;
-  if (!share.Open(kZephRoot)) return ERR_INVALID_OBJECT;
+SI4 Close(ROOTSHARE& share, TDirection direction, PCH10 session) {
+  bool there = false;
   switch (direction) {
     case DIRConnect:
-    case DIRPoll: {
-      const bool there = CloseNamed(share, kClient);
-      SeeOff(share, kClient);
-      return there ? 0 : ERR_INVALID_OBJECT;
-    }
+    case DIRPoll:
+      there = CloseNamed(share, kClient);
+      break;
     case DIRListen:
-    case DIRHttp: {
-      const SERVERNAMES& names = direction == DIRHttp ? kHttp : kListen;
+    case DIRHttp:
       if (direction == DIRListen && *session) CloseNamed(share, session);
-      CloseNamed(share, names.loopback4);
-      const bool there = CloseNamed(share, names.one);
-      SeeOff(share, names.loopback4);
-      SeeOff(share, names.one);
-      return there ? 0 : ERR_INVALID_OBJECT;
-    }
+      CloseNamed(share, Names(direction).loopback4);
+      there = CloseNamed(share, Names(direction).one);
+      break;
     case DIRUndefined:
     case DIRConfig:
       break;
   }
-  return ERR_INVALID_OBJECT;
+  return there ? 0 : ERR_INVALID_OBJECT;
+}
+
+/// Begins an epoch, and gives up what an earlier one has under way. False when nothing changes.
+bool Begin(SI4 enable) TSA(requires_capability(ZephLock)) {
+  if (!Config() || Published(Zeph2Functions.Zeph2Enabled) == enable) return false;
+  Publish(Zeph2Functions.Zeph2Enabled, enable);
+  if (const REF<GIVEUP> former = BeginEpoch()) former->Raise();
+  return true;
 }
 
 SI4 Disable() {
+  const F8 until = Micros() + kGoingMicros;
   CH1 session[kFullNameSize + 1] = {0};
   TDirection direction;
+  SI4 code;
+  UI4 epoch;
+  ROOTSHARE share;
+  const bool open = share.Open(kZephRoot);
   {
     MUTEXHOLD hold(ZephLock);
+    (void)SessionName(session);
+  }
+  if (open && *session) WaitSent(share, session, until);
+  {
+    // In one step: who turns it on again finds nothing that is still to be closed.
+    MUTEXHOLD hold(ZephLock);
+    if (!Begin(0)) return Config() ? 0 : ERR_INVALID_OBJECT;
+    epoch = Epoch;
     direction = Config()->Direction;
+    *session = 0;
     (void)SessionName(session);
     // Nothing of what goes is an event any more.
     EndSession(Zeph2Idle);
+    code = Close(share, direction, session);
   }
-  const SI4 code = Close(direction, session);
-  ZephBlocks.DropUnseen();
+  if (direction == DIRConnect || direction == DIRPoll) {
+    SeeOff(share, kClient, until);
+  } else {
+    SeeOff(share, Names(direction).loopback4, until);
+    SeeOff(share, Names(direction).one, until);
+  }
+  MUTEXHOLD hold(ZephLock);
+  if (Epoch == epoch) ZephBlocks.DropUnseen();
   return code;
 }
 
 }  // namespace
 
 SI4 Zeph2Enable(SI4 enable) {
+  const CALLER caller;
+  if (enable == 0) return Disable();
   UI4 epoch = 0;
-  REF<GIVEUP> former;
   {
     MUTEXHOLD hold(ZephLock);
-    if (!Config()) return ERR_INVALID_OBJECT;
-    if (Published(Zeph2Functions.Zeph2Enabled) == enable) return 0;
-    Publish(Zeph2Functions.Zeph2Enabled, enable);
-    former = BeginEpoch();
+    if (!Begin(enable)) return Config() ? 0 : ERR_INVALID_OBJECT;
     epoch = Epoch;
   }
-  if (former) former->Raise();
-  return enable == 0 ? Disable() : Enable(epoch);
+  return Enable(epoch);
 }
+
+bool IsTurning() { return Callers > 0; }
+
+void ForgetAttempts() { GiveUp = nullptr; }
 
 void EndZephPolling() {
   POLLING* polling = nullptr;

@@ -6,12 +6,17 @@
 //   http      the same with the page service, which turns WebSockets into sessions
 #pragma once
 
-#include "kyrno/link/zeph2.h"
+#include "kyrno/link/zephsession.h"
 
 /// The table's Zeph2Enable. 0, or: the codes of the configuration; ERR_ZEPH_CONNECT,
 /// ERR_ZEPH_LISTEN with the reason in lError; ERR_INVALID_OBJECT when there was nothing to turn
-/// off. Turning off waits up to 0.1 s for what goes. Any thread but the work thread.
+/// off. Turning off waits up to 0.1 s for what goes, and as long again for one whose peer holds on.
+/// Any thread but the work thread.
 SI4 Zeph2Enable(SI4 enable);
 
 /// Ends the thread that polls, for good. The library goes.
 void EndZephPolling();
+/// A thread is in Zeph2Enable: the program ends beside it.
+bool IsTurning() TSA(requires_capability(ZephLock));
+/// In a forked child: the connects that are under way are its parent's.
+void ForgetAttempts() TSA(requires_capability(ZephLock));

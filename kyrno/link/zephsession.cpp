@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "kyrno/base/error.h"
 #include "kyrno/base/log.h"
@@ -26,6 +27,9 @@ constexpr CH1 kUsing[] = "UsingProtocol=";
 constexpr UI4 kLineSize = 48;     // of either with a number
 constexpr int kLoggedBytes = 50;  // of a handshake
 constexpr UI4 kReportSent = 3;
+constexpr UI4 kMostOffers = 16;  // of a peer; each is worth an answer, which it may not read
+
+constinit UI4 Offers GUARDED_BY(ZephLock) = 0;  // that the session's peer has made
 
 PZeph2Config Config() { return Zeph2Functions.pZeph2Config; }
 
@@ -36,6 +40,12 @@ struct LINE {
   CH1 text[kLineSize];
   const UI4 size;
 };
+
+SI4 SendLine(PHIERAKI connection, const LINE& line) {
+  PBUFFER block = nullptr;
+  const SI4 code = ComposeBlock(connection, line.text, line.size, &block);
+  return code ? code : connection->Obj()->SendBuffer(connection, nullptr, block, 0);
+}
 
 /// The object's part is over; the work thread takes it out.
 void Free(PHIERAKI node) {
@@ -73,6 +83,15 @@ bool IsSessions(PHIERAKI connection) TSA(requires_capability(ZephLock)) {
   CH1 name[kFullNameSize + 1] = {0};
   PCH10 const current = Config()->pCurrentConnection;
   return current && connection->FullName(name, kFullNameSize) > 0 && strcmp(name, current) == 0;
+}
+
+/// This connection is not the session's any more: the link rests. False if it was not the
+/// session's.
+bool LeaveSession(PHIERAKI connection) {
+  MUTEXHOLD hold(ZephLock);
+  if (!IsSessions(connection)) return false;
+  EndSession(RestingState());
+  return true;
 }
 
 /// The session is over, and the interpreter hears of it.
@@ -135,8 +154,12 @@ bool Negotiate(PHIERAKI connection, PCH10 text, UI4 size) {
   const LINE answer(kUsing);
   if (size > kSupportedSize && memcmp(text, kSupported, kSupportedSize) == 0) {
     LOG(2, ("Supported protocol received"));
+    {
+      MUTEXHOLD hold(ZephLock);
+      if (++Offers > kMostOffers) return false;
+    }
     if (!OffersVersion(text + kSupportedSize, size - kSupportedSize)) return false;
-    const SI4 code = SendBlock(connection, answer.text, answer.size, 0);
+    const SI4 code = SendLine(connection, answer);
     LOG(3, ("Error %d sending %s", code, answer.text));
     return true;
   }
@@ -251,8 +274,8 @@ SI4 BeginSession(PHIERAKI node) {
   Config()->pCurrentConnection = strdup(name);
   if (!Config()->pCurrentConnection) return ERR_MEMORY_ALLOC;
   Publish(Zeph2Functions.Zeph2State, Zeph2Negotiate);
-  const LINE first(kSupported);
-  const SI4 code = SendBlock(node, first.text, first.size, 0);
+  Offers = 0;
+  const SI4 code = SendLine(node, LINE(kSupported));
   if (code) EndSession(RestingState());
   return code;
 }
@@ -263,25 +286,26 @@ void EndSession(TZeph2State state) {
   Publish(Zeph2Functions.Zeph2State, state);
 }
 
-bool LeaveSession(PHIERAKI connection) {
-  MUTEXHOLD hold(ZephLock);
-  if (!IsSessions(connection)) return false;
-  EndSession(RestingState());
-  return true;
-}
-
 bool SessionName(CH1 (&name)[kFullNameSize + 1]) {
   PCH10 const current = Config() ? Config()->pCurrentConnection : nullptr;
   if (current) snprintf(name, sizeof name, "%s", current);
   return current != nullptr;
 }
 
-SI4 SendBlock(PHIERAKI node, PCH10 data, UI4 length, UI4 flag) {
+SI4 ComposeBlock(PHIERAKI node, PCH10 data, UI4 length, PBUFFER* block) {
+  *block = nullptr;
   RPCOBJS* const object = node->Obj();
-  if (!object) return ERR_INVALID_OBJECT;
-  PBUFFER buffer = nullptr;
   // The bytes are only copied.
   PUI1 const bytes = reinterpret_cast<PUI1>(const_cast<PCH1>(data));
-  if (const SI4 code = object->ComposeBuffer(bytes, length, -1, &buffer)) return code;
-  return object->SendBuffer(node, nullptr, buffer, flag);
+  return object ? object->ComposeBuffer(bytes, length, -1, block) : ERR_INVALID_OBJECT;
+}
+
+SI4 SendInSession(PHIERAKI node, PBUFFER block, bool last) {
+  std::unique_ptr<BUFFER> owned(block);
+  MUTEXHOLD hold(ZephLock);
+  // Another connection may have the name by now, whose handshake this would break.
+  if (!node->IsLinked() || !IsSessions(node)) return ERR_INVALID_OBJECT;
+  const SI4 code = node->Obj()->SendBuffer(node, nullptr, owned.release(), last ? 1 : 0);
+  if (!code && last) EndSession(RestingState());
+  return code;
 }

@@ -42,11 +42,12 @@ void OOSfn2(PHIERAKI node);
 [[nodiscard]] SI4 BeginSession(PHIERAKI node) TSA(requires_capability(ZephLock));
 /// There is no session any more; Zeph2State is `state`.
 void EndSession(TZeph2State state) TSA(requires_capability(ZephLock));
-/// This connection is not the session's any more: the link rests. False if it was not the
-/// session's.
-bool LeaveSession(PHIERAKI connection);
 /// Copies the full name of the session's connection; false without a session.
 [[nodiscard]] bool SessionName(CH1 (&name)[kFullNameSize + 1]) TSA(requires_capability(ZephLock));
 
-/// Queues a block on a connection, to be closed behind it with flag 1.
-[[nodiscard]] SI4 SendBlock(PHIERAKI node, PCH10 data, UI4 length, UI4 flag);
+/// A block for this connection, which the caller owns.
+[[nodiscard]] SI4 ComposeBlock(PHIERAKI node, PCH10 data, UI4 length, PBUFFER* block);
+/// Queues a block, which it owns, if this connection is still the session's; ERR_INVALID_OBJECT.
+/// With `last` the connection closes by itself behind it, and the session is over: that end is no
+/// event.
+[[nodiscard]] SI4 SendInSession(PHIERAKI node, PBUFFER block, bool last);
