@@ -110,6 +110,18 @@ TEST(LinkPages, AnswerEachRequestOnceAndInOrder) {
   EXPECT_EQ(t.link.Late(), 0);
 }
 
+TEST(LinkPages, HoldNoMoreOfAPeerThanABlock) {
+  Pages t;
+  RawPeer greedy(t.port);
+  greedy.Send("POST / HTTP/1.1\r\nHost: h\r\nContent-Length: 1000000000\r\n\r\n");
+  EXPECT_EQ(greedy.ReceiveAll(), "");
+  // Requests whose answers nobody reads stay in the kernel.
+  RawPeer browser(t.port);
+  browser.Send(Request("GET /large.js"));
+  const std::string request = Request("GET /large.js HTTP/1.1\r\nX: " + std::string(1 << 20, 'x'));
+  EXPECT_LT(browser.SendUntilStuck(256U << 20, request), 64U << 20);
+}
+
 TEST(LinkPages, CarryTheSessionAsWholeMessages) {
   Pages t;
   const std::string euro = "\xe2\x82\xac";

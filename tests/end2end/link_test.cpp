@@ -5,6 +5,8 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <functional>
@@ -452,6 +454,48 @@ TEST(Link, CanBeTurnedOffAndOnAgainAtEveryStage) {
   EXPECT_EQ(link.Late(), 0) << "no event comes when it is off";
   EXPECT_EQ(link.Threads().size(), 1U) << "all come on one thread";
   EXPECT_EQ(link.Threads().count(std::this_thread::get_id()), 0U);
+}
+
+TEST(Link, LetsOutWhatWasSentBeforeItIsTurnedOff) {
+  RawListener listener;
+  Link link({{kInit, "poll:127.0.0.1:" + std::to_string(listener.Port())}});
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_EQ(link.Enable(1), 0);
+    Remote remote(listener.Accept());
+    remote.Shake();
+    ExpectTalk(link, remote);
+    EXPECT_EQ(link.Send("last"), 0);
+    EXPECT_EQ(link.Enable(0), 0);
+    EXPECT_EQ(remote.Hear(), "last");
+  }
+}
+
+TEST(Link, IsItsParentsAloneAfterAFork) {
+  RawListener listener;
+  Link link({{kInit, "poll:127.0.0.1:" + std::to_string(listener.Port())}});
+  ASSERT_EQ(link.Enable(1), 0);
+  Remote remote(listener.Accept());
+  remote.Shake();
+  remote.Say("kept");
+  const Link::Event kept = link.Next();
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    alarm(kBoundMillis / 1000);  // a child that hangs is a failure as well
+    const bool has = link.Look(kept.node) == "kept";
+    link.Send("from the child");
+    link.Free(kept.node);
+    link.Enable(0);
+    _exit(has ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(link.Send("from the parent"), 0);
+  EXPECT_EQ(remote.Hear(), "from the parent");
+  remote.peer.Close();
+  EXPECT_EQ(link.Told(), "gone");
+  Remote(listener.Accept()).Shake();
 }
 
 TEST(Link, HasNothingToTurnOffWhereNobodyWasReached) {
