@@ -15,6 +15,7 @@
 #include "kyrno/boundary/roots.h"
 #include "kyrno/link/zephconfig.h"
 #include "kyrno/link/zephenable.h"
+#include "kyrno/link/zephpoll.h"
 #include "kyrno/link/zephsession.h"
 
 static constexpr UI4 MODULE = 0x00001000;

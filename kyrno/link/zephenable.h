@@ -1,4 +1,4 @@
-// zephenable.h - turning the link on and off: its servers, its client, and the thread that polls.
+// zephenable.h - turning the link on and off.
 //
 //   connect   one try, on the interpreter's thread; a link that once stood polls from then on
 //   poll      a try at once, then every five seconds while there is no session
@@ -14,9 +14,5 @@
 /// Any thread but the work thread.
 SI4 Zeph2Enable(SI4 enable);
 
-/// Ends the thread that polls, for good. The library goes.
-void EndZephPolling();
 /// A thread is in Zeph2Enable: the program ends beside it.
 bool IsTurning() TSA(requires_capability(ZephLock));
-/// In a forked child: the connects that are under way are its parent's.
-void ForgetAttempts() TSA(requires_capability(ZephLock));
