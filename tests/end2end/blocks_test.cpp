@@ -89,8 +89,19 @@ TEST(Blocks, WithAWrongHeaderOrEndFailBehindTheWholeOnes) {
 TEST(Files, GoOutBehindTheirHeadAndAreFramedWithIt) {
   Dialled raw("raw");
   Dialled block("blkraw", {{"Magic", kMagic}});
-  for (const std::size_t size : {0UL, 131068UL, 131072UL, 700001UL})
-    for (const std::string head : {"", "head"}) {
+  // Around the window that is read at a time.
+  for (const std::size_t window : {16UL, 131072UL})
+    for (const auto& [size, head] : std::initializer_list<std::pair<std::size_t, std::string>>{
+             {0, ""},
+             {0, "head"},
+             {window - 4, "head"},
+             {window - 1, ""},
+             {window, "head"},
+             {window + 1, "longer than a small window"},
+             {5 * window + 3, ""},
+             {5 * window + 3, "head"}}) {
+      for (Dialled* t : {&raw, &block})
+        t->root.SetProp(".", "BufferBlkSize", static_cast<int>(window));
       std::string content(size, '\0');
       for (std::size_t i = 0; i < size; ++i) content[i] = static_cast<char>(i * 31 >> 3);
       const TempFile file(content);

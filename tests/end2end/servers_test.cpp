@@ -58,7 +58,7 @@ TEST(ServerFilter, LetsThroughWhomItAllowsAndDoesNotDeny) {
     bool one;  // whether 127.0.0.1 gets through
     bool two;  // 127.0.0.2
   } filters[] = {
-      {"allow a range", {{"AllowEndpoints", V4("10.0.0.0/8,127.0.0.0/31")}}, true, false},
+      {"allow a range", {{"AllowEndpoints", V4("10.0.0.0/8,127.0.0.0/31,")}}, true, false},
       {"allow others", {{"AllowEndpoints", V4("10.0.0.0/8")}}, false, false},
       {"deny one", {{"DenyEndpoints", V4("127.0.0.2/32")}}, true, false},
       {"deny all", {{"DenyEndpoints", V4("0.0.0.0/0")}}, false, false},
@@ -136,6 +136,10 @@ TEST(Creation, RefusesWhatItCannotMakeAndSaysWhy) {
       {"ASrv", {{"DenyEndpoints", V4("127.0.0.1/8x")}}, 1132},
       {"ASrv", {{"AllowEndpoints", V6("127.0.0.1")}}, 1132},
       {"ASrv", {{"DenyEndpoints", Args({Args({"ipv6", "::1"}), Args({"ipv4", "x"})})}}, 1132},
+      {"ASrv", {{"AllowEndpoints", V4("10.0.0.0/33")}}, 1132},
+      {"ASrv", {{"AllowEndpoints", V4("10.0.0.0/99999999999999999999")}}, 1132},
+      {"ASrv", {{"DenyEndpoints", V4("10.0.0.0/ 8")}}, 1132},
+      {"ASrv", {{"AllowEndpoints", V4(",")}}, 1132},
       {"ASrv", {{"AllowEndpoints", "127.0.0.1"}}, 1037},
       {"ASrv", {{"AllowEndpoints", Args({Args({"ipx", "127.0.0.1"})})}}, 1037},
       {"ASrv", {{"DenyEndpoints", Args({Args({"ipv4", "127.0.0.1", "more"})})}}, 1037},

@@ -22,6 +22,8 @@ const Cut kCuts[] = {
     {"case blind unless told otherwise", {{"EOM", "END"}}, {"1end2End3"}, {"1end", "2End", "3"}},
     {"case aware", {{"EOM", "END"}, {"IgnoreCase", "No"}}, {"1end2END3"}, {"1end2END", "3"}},
     {"earliest, then first", {{"EOM", Args({"b", "abc", "ab"})}}, {"xabcx"}, {"xabc", "x"}},
+    {"no letters", {{"EOM", Args({"{", "\xff"})}}, {"x[{y\xffz"}, {"x[{", "y\xff", "z"}},
+    {"an empty stop cuts nothing", {{"EOM", Args({"END", ""})}}, {"1END2"}, {"1END2"}},
     {"over size", {{"EOM", "\n"}, {"BufferSize", 4}}, {"abcdefg", "\n"}, {"abcd", "efg\n", ""}},
     {"a buffer of one byte", {{"BufferSize", 1}}, {"abc"}, {"a", "b", "c", ""}},
 };

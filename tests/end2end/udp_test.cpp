@@ -198,8 +198,8 @@ TEST(UdpServer, KeepsOneDatagramMoreThanMaxOldUntilSomeAreCollected) {
 
 TEST(UdpServer, HearsOnlyWhomItsFiltersLetThrough) {
   // One socket hears both peers, in order: when the second is told of, the first has been judged.
-  const ZValue four = Args({Args({"ipv4", "127.0.0.1"}), Args({"ipv6", "::2"})});
-  const ZValue six = Args({Args({"ipv4", "127.0.0.2"}), Args({"ipv6", "::1"})});
+  const ZValue four = Args({Args({"ipv4", "127.0.0.1"}), Args({"ipv6", "::2/127"})});
+  const ZValue six = Args({Args({"ipv4", "127.0.0.2"}), Args({"ipv6", "::/127"})});
   for (const auto& [option, list] : {std::pair{"AllowEndpoints", six}, {"DenyEndpoints", four}}) {
     Pair t({{"Protocol", "ip"}, {"Address", "*"}, {option, list}});
     Peer passes(AF_INET6);
