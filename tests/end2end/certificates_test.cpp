@@ -1,8 +1,12 @@
 // certificates_test.cpp - whom each of the flags of "SSLValidation" lets through: one table for the
 // certificates of servers and one for those of clients.
+#include <sys/stat.h>
+
+#include <filesystem>
 #include <fstream>
 
 #include "tests/support/pki.h"
+#include "tests/support/program.h"
 
 namespace support {
 namespace {
@@ -33,6 +37,8 @@ struct Certificates : Pki {
     Make("future", {.fromDays = 2});
     Make("unknown", {.issuer = "stranger"});
     Make("unknown-elsewhere", {.issuer = "stranger", .names = "DNS:elsewhere.example.org"});
+    Make("lower-expired", {.issuer = "lower", .fromDays = -10, .toDays = -1});
+    Make("lower-future", {.issuer = "lower", .fromDays = 2});
     Make("self", {.issuer = "self"});
     Make("self-expired", {.issuer = "self-expired", .fromDays = -10, .toDays = -1});
     Make("self-trusted", {.issuer = "self-trusted", .subject = "/CN=localhost/O=trusted"});
@@ -42,12 +48,22 @@ struct Certificates : Pki {
     Make("by-end", {.issuer = "by-past"});
     Make("for-clients", {.more = "extendedKeyUsage = clientAuth"});
     Make("for-servers", {.more = "extendedKeyUsage = serverAuth"});
+    Make("staple", {.more = "tlsfeature = status_request"});
     Make("large", {.names = manyNames});
     Make("serial", {.serial = "80000000000000FF"});
     Make("bare", {.extensions = false});
     Make("forged", {.issuer = "forger", .more = noKeyIds});
     Make("forged-lower", {.issuer = "lower-forger", .more = noKeyIds});
     Make("sha1", {.digest = "sha1"});
+    for (const char* name : {"unreadable", "unreadable-expired"}) {
+      Make(name, {.fromDays = -10, .toDays = name == std::string("unreadable") ? 30 : -1});
+      // A signature algorithm that nobody knows.
+      const std::string known = "\x2a\x86\x48\xce\x3d\x04\x03\x02";
+      std::string der = Der(name);
+      for (std::size_t at = 0; (at = der.find(known, at)) != std::string::npos; ++at)
+        der[at + known.size() - 1] = '\x7f';
+      std::ofstream(Cert(name), std::ios::binary) << der;
+    }
     Make("altered");
     std::string der = Der("altered");
     der.back() ^= 1;  // the signature's last bit
@@ -93,6 +109,9 @@ const Row kServers[] = {
     {"chain with its end twice", {"by-lower", "by-lower", "lower", "upper"}, "++++++++++++"},
     {"chain with a duplicate", {"by-lower", "lower", "upper", "lower"}, "++++++++++++"},
     {"intermediate missing", {"by-lower", "upper"}, "-+----+++-++", kInvalid + 64},
+    // GnuTLS says no more than that nobody signed the intermediate.
+    {"expired, and its chain broken", {"lower-expired", "lower"}, "------+-+--+", kInvalid + 64},
+    {"not valid, and its chain broken", {"lower-future", "lower"}, "------+----+", kInvalid + 64},
     {"expired intermediate", {"by-past", "past"}, "----+-+-++-+", kInvalid + 1024},
     {"no CA below an expired one",
      {"by-end", "by-past", "past"},
@@ -105,6 +124,13 @@ const Row kServers[] = {
     {"forged under the trusted name", {"forged"}, "------+-----", kInvalid + 2048},
     {"forged in a chain", {"forged-lower", "lower", "upper"}, "------+-----", kInvalid + 2048},
     {"altered signature", {"altered"}, "------+-----", kInvalid + 2048},
+    {"unknown algorithm", {"unreadable"}, "------+-----", kInvalid},
+    // To tolerate the date must not mean to tolerate the signature.
+    {"unknown algorithm and expired",
+     {"unreadable-expired"},
+     "------+-----",
+     kInvalid + 1024 + 2048},
+    {"without the stapled answer that it demands", {"staple"}, "------+-----", kInvalid + 524288},
     {"insecure algorithm", {"sha1"}, "------+-----", kInvalid + 256},
 };
 
@@ -117,6 +143,9 @@ TEST(ServerCertificates, AreTakenAsTheFlagsOfTheClientSay) {
     const int port = server.Serve("blkraw", pki.With(row.chain, {}));
     client.SetProp(".", "RootCertDir", pki.trusted);
     std::string taken;
+    const auto isPem = [](const std::string& name) {
+      return name != "altered" && !name.starts_with("unreadable");
+    };
     for (const int flags : kClientFlags) {
       const Options options =
           Pki::Anonymous({{"Address", "localhost"}, {"SSLValidation", flags}, {"Name", ""}});
@@ -131,7 +160,7 @@ TEST(ServerCertificates, AreTakenAsTheFlagsOfTheClientSay) {
         if (code != 0 || flags != kOnTrust || &code == codes) continue;
         const ZValue peer = client.GetProp(result.At(1).Text(), "PeerCert");
         ASSERT_EQ(peer.Count(), row.chain.size());
-        if (row.chain[0] == "altered") continue;  // is no PEM
+        if (!isPem(row.chain[0])) continue;
         for (std::size_t i = 0; i < row.chain.size(); ++i)
           EXPECT_TRUE(peer.At(i).Bytes() == pki.Der(row.chain[i])) << i;
       }
@@ -143,19 +172,20 @@ TEST(ServerCertificates, AreTakenAsTheFlagsOfTheClientSay) {
 }
 
 /// To request one and to require one, each strictly and with a leniency.
-constexpr int kServerFlags[] = {64, 128, 64 + 1, 128 + 1, 64 + 8, 128 + 8, 64 + 32, 128 + 32};
+constexpr int kServerFlags[] = {64,      128,     64 + 1,   128 + 1, 64 + 8,
+                                128 + 8, 64 + 32, 128 + 32, 64 + 128};
 
 // A client presents a certificate only if a part of its chain is of an issuer that the server
 // names.
 const Row kClients[] = {
-    {"none", {}, "+-+-+-+-"},
-    {"good", {"good"}, "++++++++"},
-    {"of another host", {"elsewhere"}, "++++++++"},
-    {"expired", {"expired"}, "----++++"},
-    {"from another CA, kept back", {"unknown"}, "+-+-+-+-"},
-    {"from another CA, presented", {"unknown", "ca"}, "--++--++"},
-    {"forged under the trusted name", {"forged"}, "------++"},
-    {"for servers alone", {"for-servers"}, "------++"},
+    {"none", {}, "+-+-+-+--"},
+    {"good", {"good"}, "+++++++++"},
+    {"of another host", {"elsewhere"}, "+++++++++"},
+    {"expired", {"expired"}, "----++++-"},
+    {"from another CA, kept back", {"unknown"}, "+-+-+-+--"},
+    {"from another CA, presented", {"unknown", "ca"}, "--++--++-"},
+    {"forged under the trusted name", {"forged"}, "------++-"},
+    {"for servers alone", {"for-servers"}, "------++-"},
 };
 
 TEST(ClientCertificates, AreTakenAsTheFlagsOfTheServerSay) {
@@ -210,6 +240,59 @@ TEST(Trust, IsThatOfTheFolderAtEachHandshake) {
   EXPECT_EQ(trust(pki.Trust({"ca"})), 0);
   EXPECT_EQ(trust(pki.Trust({})), 1208);
   EXPECT_EQ(code(), 1202) << "an empty folder";
+}
+
+TEST(Trust, IsThatOfTheFilesThatAreCalledCertificates) {
+  const struct {
+    const char* name;
+    bool counts;
+  } rows[] = {{"upper.PEM", true}, {"mixed.Cer", true},        {"bytes.der", true},
+              {".pem", true},      {"further.pem.bak", false}, {"pem", false},
+              {"xpem", false},     {"text.txt", false},        {"near.pemx", false}};
+  Pki pki;
+  pki.Make("good");
+  const TestRoot root;
+  const int port = root.Serve("blkraw", pki.As("good"));
+  const auto trust = [&](const std::string& folder) {
+    return root.Code("ASetProp", Args({".", "RootCertDir", folder}));
+  };
+  const auto isTrusted = [&] {
+    return root.Code("AClt", OptionList(AtPort(port, "blkraw", "", Pki::Anonymous()))) == 0;
+  };
+  const std::string both = Content(pki.Chain("both", {"good", "ca"}));
+  for (const auto& row : rows)
+    for (const char* slash : {"", "/"}) {
+      const TempFolder folder;
+      folder.File("empty.pem", "");
+      folder.File("garbage.der", "\x30\x82\xff\xff garbage");
+      std::filesystem::create_directory(folder.path + "/folder.pem");
+      ASSERT_EQ(mkfifo((folder.path + "/pipe.pem").c_str(), 0600), 0);
+      folder.File(row.name, row.name == std::string("bytes.der") ? pki.Der("ca") : both);
+      EXPECT_EQ(trust(folder.path + slash), row.counts ? 0 : 1208) << row.name;
+      EXPECT_EQ(isTrusted(), row.counts) << row.name;
+    }
+  for (const char* none : {"", "\nfolder", "/nowhere"}) EXPECT_EQ(trust(none), 1208) << none;
+
+  // A hundred of a file are taken, and a thousand in all.
+  const TempFolder many;
+  for (int i = 0; i < 11; ++i)
+    many.File(std::to_string(i) + ".pem",
+              Content(pki.Chain("many", std::vector<std::string>(150, "ca"))));
+  EXPECT_EQ(trust(many.path), 0);
+  EXPECT_TRUE(isTrusted());
+}
+
+TEST(Trust, IsHeldToTheProfileOfThePriority) {
+  const Certificates pki;
+  const TestRoot root;
+  root.SetProp(".", "RootCertDir", pki.trusted);
+  for (const Lines& chain : {Lines{"good"}, Lines{"good", "good"}}) {
+    const int port = root.Serve("blkraw", pki.With(chain, {}), "");
+    for (const auto& [priority, code] : {std::pair{"NORMAL", 0}, {"NORMAL:%PROFILE_FUTURE", 1202}})
+      EXPECT_EQ(root.Code("AClt", OptionList(AtPort(port, "blkraw", "",
+                                                    Pki::Anonymous({{"Priority", priority}})))),
+                code);
+  }
 }
 
 }  // namespace

@@ -1,8 +1,12 @@
 // certoptions_test.cpp - what the certificate options of ASrv and AClt make: a secure object, a
 // plain one, or a code.
+#include <sys/stat.h>
+
+#include <filesystem>
 #include <fstream>
 
 #include "tests/support/pki.h"
+#include "tests/support/program.h"
 
 namespace support {
 namespace {
@@ -37,11 +41,6 @@ struct Certificates : Pki {
     return File("key.der");
   }
 };
-
-std::string Content(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 template <class T>
 ZValue Numbers(ZType type, const std::string& bytes, int added) {
@@ -88,6 +87,12 @@ TEST(CertificateOptions, MakeASecureObjectOrSayWhyNot) {
   const ZValue many = File("DER", pki.Chain("many", std::vector<std::string>(101, "leaf")));
   const ZValue p12 = File("PK#12", pki.p12), openP12 = File("PK#12", pki.openP12);
   const ZValue locked = File("DER", pki.locked), lockedOld = File("DER", pki.lockedOld);
+
+  // No pipe holds the caller up, and no file of 16 MiB is a certificate.
+  const std::string large = pki.Chain("large", {"leaf"}), pipe = pki.File("pipe");
+  std::filesystem::resize_file(large, (16 << 20) + 1);
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const std::string empty = pki.Chain("empty", {});
 
   const struct {
     const char* what;
@@ -144,6 +149,11 @@ TEST(CertificateOptions, MakeASecureObjectOrSayWhyNot) {
 
       // What can't be used.
       {"no such file", Files(nowhere, key), "1207"},
+      {"an empty file", Files(File("DER", empty), key), "1207"},
+      {"a large file", Files(File("DER", large), key), "1207"},
+      {"a pipe", Files(File("DER", pipe), key), "1207"},
+      {"a folder", Files(File("DER", pki.folder), key), "1207"},
+      {"a device", Files(cert, File("DER", "/dev/zero")), "1207"},
       {"a name with a NUL", Files(File("DER", pki.Cert("leaf") + '\0'), key), "1207"},
       {"a key as certificate", Files(key, key), "1207"},
       {"a certificate as key", Files(cert, cert), "1207"},
