@@ -1,4 +1,7 @@
 // link_http_test.cpp - pages and the session over one port, to a raw client.
+#include <algorithm>
+#include <random>
+
 #include "tests/support/link.h"
 
 namespace support {
@@ -122,8 +125,27 @@ TEST(LinkPages, HoldNoMoreOfAPeerThanABlock) {
   EXPECT_LT(browser.SendUntilStuck(256U << 20, request), 64U << 20);
 }
 
+/// The message in fragments of up to `most` bytes, empty ones and pings among them.
+std::string Fragmented(std::mt19937& random, bool isText, const std::string& message,
+                       std::size_t most) {
+  std::string wire;
+  std::size_t at = 0;
+  for (bool first = true, fin = false; !fin; first = false) {
+    const std::size_t n = std::min<std::size_t>(random() % (most + 1), message.size() - at);
+    fin = at + n == message.size() && random() % 2 == 0;
+    const int opcode = !first ? 0 : isText ? 1 : 2;
+    wire += WebFrame(static_cast<unsigned char>(fin << 7 | opcode), message.substr(at, n));
+    at += n;
+    if (random() % 64 == 0) wire += WebFrame(0x89, "ping");
+  }
+  return wire;
+}
+
 TEST(LinkPages, CarryTheSessionAsWholeMessages) {
   Pages t;
+  std::mt19937 random(1);
+  std::string text;
+  while (text.size() < 3000) text += "a\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80";
   const std::string euro = "\xe2\x82\xac";
   const std::string large(1 << 20, 'l');
   const struct {
@@ -140,12 +162,24 @@ TEST(LinkPages, CarryTheSessionAsWholeMessages) {
       {"byte by byte", WebFrame(0x81, "bytes"), "block bytes", 1},
       {"empty", WebFrame(0x81, ""), "block "},
       {"binary", WebFrame(0x82, "\xff\xfe"), "block \xff\xfe"},
+      {"one byte", Fragmented(random, true, "a", 1), "block a", 1},
+      {"text in pieces", Fragmented(random, true, text, 200), "block " + text, 777},
+      {"text in small pieces", Fragmented(random, true, text, 3), "block " + text, 777},
+      {"bytes in small pieces", Fragmented(random, false, Pattern(70000), 5),
+       "block " + Pattern(70000)},
+      {"much in small pieces", Fragmented(random, false, Pattern(1 << 20), 64),
+       "block " + Pattern(1 << 20)},
       {"large", WebFrame(0x01, large) + WebFrame(0x80, large), "block " + large + large},
       {"the largest", WebFrame(0x81, std::string(kMost - 16, 'm')),
        "block " + std::string(kMost - 16, 'm')},
       {"too large",
        WebFrame(0x01, large) + WebFrame(0x00, large) + WebFrame(0x00, large) + WebFrame(0x80, "m"),
        "gone"},
+      {"too large at once", WebFrame(0x02, "a") + WebFrame(0x80, large + large + large), "gone"},
+      {"cut in the second fragment",
+       WebFrame(0x01, euro.substr(0, 2)) + WebFrame(0x80, "(") + WebFrame(0x81, "x"), "gone"},
+      {"another message among them", WebFrame(0x01, "a") + WebFrame(0x81, "b"), "gone"},
+      {"a ping that is a fragment", WebFrame(0x01, "a") + WebFrame(0x09, ""), "gone"},
       {"no UTF-8", WebFrame(0x81, "\xc3("), "gone"},
       {"half a character", WebFrame(0x81, euro.substr(0, 2)), "gone"},
       {"a continuation of nothing", WebFrame(0x80, "x"), "gone"},
@@ -165,8 +199,14 @@ TEST(LinkPages, CarryTheSessionAsWholeMessages) {
   EXPECT_TRUE(t.link.Reaches(Zeph2HttpSrv));
   Remote remote = Remote::OverWebSocket(t.port);
   remote.Shake();
+  EXPECT_NE(t.link.Send("a\xc3"), 0) << "a browser would refuse it";
   EXPECT_EQ(t.link.Send(large), 0);
   EXPECT_EQ(remote.Hear(), large);
+  // More messages than may wait, one after the other.
+  std::string many;
+  for (int i = 0; i < 3000; ++i) many += WebFrame(0x01, "a") + WebFrame(0x80, "b");
+  remote.peer.Send(many);
+  for (int i = 0; i < 3000; ++i) ASSERT_EQ(t.link.Told(), "block ab") << i;
 }
 
 TEST(LinkPages, DropAWebSocketWhoseHandshakeBreaksAndTakeTheNext) {
