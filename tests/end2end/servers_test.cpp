@@ -131,6 +131,7 @@ TEST(Creation, RefusesWhatItCannotMakeAndSaysWhy) {
       // With a wrong stop list the object is there all the same, for the application to close.
       {"ASrv", {{"Mode", "raw"}, {"EOM", Args({"a", 7})}}, 1047, {"X"}},
       {"AClt", {{"Mode", "raw"}, {"EOM", 7}}, 1047, {"X"}},
+      {"AClt", {{"Mode", "raw"}, {"EOM", "a"}, {"IgnoreCase", std::string(60, 'y')}}, 1045, {"X"}},
       {"AClt", {{"Mode", "blktext"}, {"EOM", "a"}}, 1008, {"X"}},
       {"ASrv", {{"AllowEndpoints", V4("127.0.0.1,bad")}}, 1132},
       {"ASrv", {{"DenyEndpoints", V4("127.0.0.1/8x")}}, 1132},

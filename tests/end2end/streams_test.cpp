@@ -21,6 +21,8 @@ const Cut kCuts[] = {
     {"false start of a stop", {{"EOM", "aab"}}, {"aa", "ab", "a"}, {"aaab", "a"}},
     {"case blind unless told otherwise", {{"EOM", "END"}}, {"1end2End3"}, {"1end", "2End", "3"}},
     {"case aware", {{"EOM", "END"}, {"IgnoreCase", "No"}}, {"1end2END3"}, {"1end2END", "3"}},
+    {"case blind by any truth", {{"EOM", "E"}, {"IgnoreCase", "  yes"}}, {"1e2"}, {"1e", "2"}},
+    {"case aware by no truth", {{"EOM", "E"}, {"IgnoreCase", ""}}, {"1e2E"}, {"1e2E", ""}},
     {"earliest, then first", {{"EOM", Args({"b", "abc", "ab"})}}, {"xabcx"}, {"xabc", "x"}},
     {"no letters", {{"EOM", Args({"{", "\xff"})}}, {"x[{y\xffz"}, {"x[{", "y\xff", "z"}},
     {"an empty stop cuts nothing", {{"EOM", Args({"END", ""})}}, {"1END2"}, {"1END2"}},

@@ -3,9 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Apl/vaset.h"
@@ -74,8 +72,6 @@ class TREE {
   PHIERAKI const root;
 };
 
-const PFNREADY kAll[] = {FindReady, FindReadyRR, FindReadyTO, FindReadyTS, FindReadyTnc};
-
 TEST(Ready, EachStrategyHasItsOrder) {
   const std::vector<NODE> nodes = {{"A", TClient, SConnected, 0},  {"A.1", TMessage, SAPL, 5},
                                    {"A.2", TMessage, SAPL, 2},     {"B", TClient, SConnected, 0},
@@ -94,61 +90,6 @@ TEST(Ready, EachStrategyHasItsOrder) {
     TREE tree(nodes);
     EXPECT_EQ(tree.DeliverAll(c.fn), c.order) << &c - cases;
   }
-}
-
-TEST(Ready, WhatBelongsTogetherComesInItsOrder) {
-  struct CASE {
-    PCH10 what;
-    std::vector<NODE> nodes;
-    PCH10 order;
-  };
-  const CASE cases[] = {
-      {"of equal times the older sibling wins",
-       {{"A", TClient, SConnected, 0}, {"A.1", TMessage, SAPL, 3}, {"B", TClient, SIncoming, 3}},
-       "A.1 B"},
-      {"a closed connection comes behind its units, and failures between them",
-       {{"A", TClient, SSocketClosed, 1}, {"A.1", TCommand, SError, 2}, {"A.2", TMessage, SAPL, 5}},
-       "A.2 A.1 A"},
-      {"progress comes before its failure, also on a closed connection",
-       {{"A", TClient, SSocketClosed, 1},
-        {"A.1", TCommand, SError, 1},
-        {"A.1.P", TMessage, SAPL, 9}},
-       "A.1.P A.1 A"},
-      {"nothing below what is finished",
-       {{"A", TClient, SFinished, 0}, {"A.1", TMessage, SAPL, 1}},
-       ""},
-      {"below a server as well",
-       {{"S", TServer, SListen, 0}, {"S.A", TClient, SError, 2}, {"S.A.1", TMessage, SAPL, 3}},
-       "S.A.1 S.A"},
-  };
-  for (const CASE& c : cases) {
-    for (PFNREADY fn : kAll) {
-      TREE tree(c.nodes);
-      EXPECT_EQ(tree.DeliverAll(fn), c.order) << c.what;
-    }
-  }
-}
-
-TEST(Ready, AConnectionsEndWaitsUntilItsLastUnitHasArrived) {
-  TREE tree({{"A", TClient, SSocketClosed, 1}, {"A.1", TMessage, SAPLLast, 5}});
-  PHIERAKI found = nullptr;
-  ASSERT_EQ(FindReadyTO(tree.root, &found), tree.At("A.1"));
-  EXPECT_EQ(FindReadyTO(tree.root, &found), nullptr);
-  tree.End(tree.At("A.1"));
-  EXPECT_EQ(FindReadyTO(tree.root, &found), tree.At("A"));
-}
-
-TEST(Ready, RoundRobinTurnsTheServerAndTheRoot) {
-  TREE tree({{"S", TServer, SListen, 0},
-             {"S.A", TClient, SConnected, 0},
-             {"S.A.1", TCommand, SProcessing, 0},
-             {"S.A.1.P", TMessage, SAPL, 1},
-             {"S.A.2", TMessage, SAPL, 1},
-             {"S.B", TClient, SConnected, 0},
-             {"S.B.1", TMessage, SAPL, 1},
-             {"T", TClient, SConnected, 0},
-             {"T.1", TMessage, SAPL, 1}});
-  EXPECT_EQ(tree.DeliverAll(FindReadyRR), "S.A.1.P T.1 S.B.1 S.A.2");
 }
 
 TEST(Ready, TheBudgetIsTenDescentsOfTheWholeSearch) {
@@ -185,28 +126,6 @@ TEST(Ready, InFifoModeTheOrderIsThatOfArrival) {
   for (PCH10 path : {"S.D", "S.B", "S.C", "S.A"}) server->ReadyFn(tree.At(path));
   EXPECT_EQ(tree.DeliverAll(PopReady, tree.At("S")), "S.D S.C S.A");
   EXPECT_EQ(tree.At("S.C")->Obj()->lErrorObj, ERR_CLOSED);
-}
-
-TEST(Ready, NoObjectIsGivenToTwoThreads) {
-  constexpr int kConnections = 8;
-  constexpr int kUnits = 25;
-  for (PFNREADY fn : kAll) {
-    TREE tree;
-    for (int i = 0; i < kConnections; ++i) {
-      const std::string name = "C" + std::to_string(i);
-      tree.Add({name.c_str(), TClient, i % 2 ? SConnected : SSocketClosed, 1});
-      for (int k = 0; k < kUnits; ++k)
-        tree.Add({(name + "." + std::to_string(k)).c_str(), TMessage, SAPL, F8(k)});
-    }
-    std::atomic<int> taken{0};
-    auto work = [&] {
-      while (!tree.Deliver(fn).empty()) ++taken;
-    };
-    std::thread threads[] = {std::thread(work), std::thread(work), std::thread(work)};
-    for (std::thread& t : threads) t.join();
-    while (!tree.Deliver(fn).empty()) ++taken;
-    EXPECT_EQ(taken, kConnections * kUnits + kConnections / 2);
-  }
 }
 
 }  // namespace
