@@ -59,16 +59,4 @@ TEST(Utf8Check, FindsOneBadByteAnywhereHoweverTheTextIsCut) {
   }
 }
 
-TEST(Utf8Check, StaysBadUntilItBeginsAnew) {
-  const UI1 bytes[] = {'a', 0x80, 'b'};
-  UTF8CHECK check;
-  EXPECT_FALSE(check.Feed(bytes, 2));
-  EXPECT_FALSE(check.Feed(bytes + 2, 1));
-  EXPECT_FALSE(check.Feed(bytes, 0));
-  EXPECT_FALSE(check.IsWhole());
-  check.Begin();
-  EXPECT_TRUE(check.Feed(bytes, 1));
-  EXPECT_TRUE(check.IsWhole());
-}
-
 }  // namespace

@@ -58,11 +58,4 @@ TEST(FmtIntBig, WritesNoMoreThanThereIsRoomForAndTellsTheFullLength) {
   EXPECT_EQ(std::string(text, 6), std::string("-2\0###", 6));
 }
 
-TEST(NegIntBig, TellsWhetherTheNumberWasZero) {
-  UI1 number[] = {1, 0};
-  EXPECT_EQ(NegIntBig(number, number, 2), 1u);
-  EXPECT_EQ(number[0] << 8 | number[1], 0xFF00);
-  EXPECT_EQ(NegIntBig(number, "\0\0", 2), 0u);
-}
-
 }  // namespace
