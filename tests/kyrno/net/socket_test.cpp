@@ -137,44 +137,6 @@ TEST_F(Connected, DataInUserSpaceIsReadableForWhoWantsToRead) {
   EXPECT_EQ(buffered.Ready4R(&sets), 1);
 }
 
-TEST_F(Connected, PiecesAreSentAndReceivedAsOneStream) {
-  std::string sent;
-  while (sent.size() < 100000) sent += std::to_string(sent.size()) + ' ';
-  const auto piece = [&sent](size_t at, size_t n) { return iovec{sent.data() + at, n}; };
-  size_t out = 0, total = 0;
-  do {  // until the socket takes no more; some of the last turn is left over
-    const size_t at = total % sent.size();
-    const iovec pieces[] = {
-        piece(at, (sent.size() - at) / 2),
-        piece(at + (sent.size() - at) / 2, sent.size() - at - (sent.size() - at) / 2)};
-    ASSERT_EQ(client->WriteV(pieces, 2, &out), 0);
-    total += out;
-  } while (out > 0);
-  EXPECT_NE(total % sent.size(), 0u);
-
-  std::vector<char> received(total + 1);
-  size_t at = 0, got = 1;
-  while (got > 0) {
-    const size_t middle = at + (total - at) / 3;
-    const iovec pieces[] = {{received.data() + at, middle - at},
-                            {received.data() + middle, total + 1 - middle}};
-    ASSERT_EQ(server->ReadV(pieces, 2, &got), 0);
-    at += got;
-    if (got == 0 && at < total) {
-      WantsToRead(*server);
-      ASSERT_EQ(Wait(true), 1);
-      got = 1;
-    }
-  }
-  ASSERT_EQ(at, total);
-  for (size_t i = 0; i < total; ++i) ASSERT_EQ(received[i], sent[i % sent.size()]) << i;
-
-  const iovec nothing = {received.data(), 0}, something = {received.data(), 1};
-  client.reset();
-  EXPECT_EQ(server->ReadV(&nothing, 1, &got), 0);
-  EXPECT_EQ(server->ReadV(&something, 1, &got), ERR_CLOSED);
-}
-
 TEST(Socket, MayBeAskedForItsAddressesWhileTheWorkThreadCloses) {
   RPCSOCK listener("127.0.0.1", "0", true, PIPv4, SOCK_STREAM);
   const std::string port = std::to_string(listener.Port());

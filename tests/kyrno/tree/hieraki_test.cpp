@@ -70,21 +70,6 @@ TEST_F(Hieraki, NamesOfFullLengthAreInnerPartsOnly) {
   EXPECT_EQ(FullName(b), full + "Quillon0");
 }
 
-TEST_F(Hieraki, RingsKeepTheirOrderAndRotate) {
-  PHIERAKI const a = Add("a");
-  PHIERAKI const b = Add("b");
-  PHIERAKI const c = Add("c");
-  EXPECT_EQ(Names(), "a b c ");
-  EXPECT_EQ(root.SetSub(a), c);
-  EXPECT_EQ(Names(), "b c a ");
-  for (PHIERAKI gone : {c, b, a}) {
-    root.Unlink(gone);
-    root.Unlink(gone);  // not there any more: nothing happens
-    delete gone;
-  }
-  EXPECT_EQ(Names(), "");
-}
-
 TEST_F(Hieraki, PlacesAgreeWithTheRingThroughAddingRotatingAndRemoving) {
   constexpr int kAdded = 100000, kPhase = 30000;
   constexpr size_t kSiblings = 16;

@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "kyrno/base/error.h"
 #include "kyrno/tree/hieraki.h"
 #include "kyrno/tree/rpcobjs.h"
@@ -44,25 +42,6 @@ TEST_F(Waits, ShareOneEntryPerObjectAndThePoolKeepsItsEntries) {
   two.AplWaitClear();
   pool.RemoveOld();
   EXPECT_EQ(pool.Count(), 2);
-}
-
-TEST_F(Waits, AWaitFollowsItsNameToAnotherNode) {
-  WAITER w(pool);
-  ASSERT_EQ(w.AplWaitInit(connection), 0);
-  ASSERT_EQ(w.AplWaitInit(server), 0);
-  pool.WakeNearest(connection);
-  EXPECT_EQ(w.AplWait(0), 0);
-  EXPECT_EQ(pool.Count(), 1);
-}
-
-TEST_F(Waits, WhoWaitsOnANodeThatGoesIsWoken) {
-  WAITER w(pool);
-  ASSERT_EQ(w.AplWaitInit(connection), 0);
-  std::thread sleeper([&] { EXPECT_EQ(w.AplWait(10000), 0); });
-  pool.Detach(connection);
-  sleeper.join();
-  w.AplWaitClear();
-  EXPECT_FALSE(pool.WakeNearest(connection));
 }
 
 }  // namespace
