@@ -81,18 +81,6 @@ TEST_F(BlockStore, APurgeFreesWhatHasWaitedSinceTheCallBeforeTheLast) {
   EXPECT_TRUE(BlockStoreIsEmpty());
 }
 
-TEST_F(BlockStore, AResizedBlockKeepsItsBytes) {
-  PVOID block = BlockResize(nullptr, 100);
-  memcpy(block, &kMark, sizeof kMark);
-  for (const size_t n : {kMiB, 64 * kMiB, size_t{8}}) {
-    block = BlockResize(block, n);
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(memcmp(block, &kMark, sizeof kMark), 0);
-  }
-  BlockFree(block);
-  BlockFree(nullptr);
-}
-
 TEST_F(BlockStore, NoTwoThreadsHaveTheSameBlock) {
   std::vector<std::thread> threads;
   for (UI4 id = 1; id <= 8; ++id) {

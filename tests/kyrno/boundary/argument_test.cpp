@@ -90,17 +90,6 @@ TEST(Argument, ReadsTheSameWhenAnyBytesAreChanged) {
   }
 }
 
-TEST(Argument, OfThePlainFormStaysInItsBlock) {
-  const Bytes top = zcode::Vector({zcode::Text("S.a"), zcode::Int(3)});
-  Bytes block = zcode::Block(top);
-  ARGUMENT arg;
-  ASSERT_EQ(arg.Read(reinterpret_cast<const UI4*>(block.data())), 0);
-  block[8 + 24 + 24] = 'T';
-  PATH path;
-  ASSERT_EQ(arg.GetPath(&path), 0);
-  EXPECT_STREQ(path.Get(), "T.a");
-}
-
 TEST(Argument, IsTranslatedAlikeInBothWays) {
   CH1 table[MAXTRANSSIZE];
   for (UI4 i = 0; i < MAXTRANSSIZE; ++i) table[i] = static_cast<CH1>(i ^ 1);

@@ -73,19 +73,6 @@ TEST_F(Connected, AFileThatShrinksEndsTheWriteWithItsCode) {
   EXPECT_EQ(error, ERR_FILE);
 }
 
-TEST_F(Connected, AWakeUpArrivesAndOneTooManyNeitherFailsNorBlocks) {
-  WantsToRead(*server);
-  BUFFER message(4, "wake"), got(4);
-  ASSERT_EQ(client->Write(&message), 0);
-  ASSERT_EQ(Wait(true), 1);
-  EXPECT_EQ(server->Read(&got), 0);
-  EXPECT_TRUE(got.Complete());
-  for (UI4 moved = 1; moved > 0; moved = message.SizeProcessed()) {
-    message.Rewind();
-    ASSERT_EQ(client->Write(&message), 0);
-  }
-}
-
 TEST_F(Connected, WhatIsWantedStaysUntilItIsSaidAnew) {
   WantsToRead(*server);
   Send(*client);

@@ -1,23 +1,15 @@
 // sessioncache_test.cpp - what is kept, what goes, and that the bytes are the right ones.
 #include "kyrno/tls/sessioncache.h"
 
-#include <gtest/gtest.h>
-
 #include <climits>
-#include <string>
 
-#include "kyrno/base/kyrnossl.h"
-#include "kyrno/tls/sslcontrol.h"
+#include "tests/kyrno/tls/certtexts.h"
 
 namespace {
 
 class SessionCache : public ::testing::Test {
  protected:
-  SessionCache() { EXPECT_EQ(LoadKyrnossl(), 0); }
-  ~SessionCache() override {
-    SslUnload();
-    UnloadKyrnossl();
-  }
+  const GNUTLSHOLD loaded;
 
   static gnutls_datum_t Datum(std::string& text) {
     return {reinterpret_cast<unsigned char*>(text.data()), static_cast<unsigned int>(text.size())};
