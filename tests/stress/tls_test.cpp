@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "tests/support/pki.h"
+#include "tests/support/program.h"
 
 namespace support {
 namespace {
@@ -85,7 +86,9 @@ TEST(Tls, ServesEachClientWhileServersPauseAndTrustAndSessionsChange) {
   const TestRoot server;
   const TestRoot clients;
   clients.SetProp(".", "RootCertDir", trusted);
-  const int port = server.Serve("blktext", pki.As("server", {{"SSLValidation", kAskNobody}}));
+  // Of its own choice it would have another port behind each pause, and somebody else this one.
+  const int port = FreePort();
+  server.Server(AtPort(port, "blktext", "S", pki.As("server", {{"SSLValidation", kAskNobody}})));
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;
   for (int i = 0; i < 2; ++i) threads.emplace_back(Echo, std::cref(server), std::cref(stop));
