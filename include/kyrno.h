@@ -188,8 +188,8 @@ typedef struct tZeph2Config {
 } tZeph2Config;
 
 /** Turns the link on (above 0) or off (0). On: reads the configuration, unless one was read well
- *  before. Returns 0 or a code, for Zeph2Errortext: 1500 to 1503, 1506 and 1507 for settings, a
- * file or an address that will not do, 1132 and 12xx for filters and certificates; off: 1008 when
+ *  before. Returns 0 or a code, for Zeph2Errortext: 1500, 1506 and 1507 for settings, 1501 and 1502
+ *  for an address, 1503, 1045, 1132 and 12xx for what the file says or where it is; off: 1008 when
  *  there was nothing to turn off. A client's try may block for as long as connecting does; turning
  *  off ends it. */
 typedef int32_t (*TZeph2Enable)(int32_t enable);

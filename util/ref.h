@@ -45,12 +45,12 @@ class REF {
   }
 
   T* Get() const { return object; }
-  /// Passes the count on, to a field that says so; another REF adopts it from there.
   /// One more count of what somebody else holds one of; null is none.
   static REF Share(T* held) {
     if (held) held->refs.fetch_add(1, std::memory_order_relaxed);
     return REF(held);
   }
+  /// Passes the count on, to a field that says so; another REF adopts it from there.
   [[nodiscard]] T* Release() { return std::exchange(object, nullptr); }
   T* operator->() const { return object; }
   T& operator*() const { return *object; }

@@ -101,7 +101,7 @@ SI4 Serve(UI4 epoch, TDirection direction, PCH10 name, PCH10 address, PROTOCOL p
   SI4 code = PlanObject(name, address, prot, &plan);
   if (code) return code;
   if (web) plan.mode = MHttp;
-  if (web) plan.features = WSAutoUpgrade | WSStrict | WSWhole;
+  if (web) plan.features = WSAutoUpgrade | WSStrict | WSWhole | HTTPOneByOne;
   plan.allow = REF<RANGES>::Share(Config()->pAllow);
   plan.deny = REF<RANGES>::Share(Config()->pDeny);
 

@@ -91,7 +91,7 @@ SI4 HTTPCONNECTION::SetRPCProp(PHIERAKI root, PCH10 name, PAA value) {
   if (decode)
     SetDecodeBuffers(pItem, static_cast<UI4>(n));
   else
-    Features = static_cast<UI4>(n) & ~WSWhole;
+    Features = static_cast<UI4>(n) & ~kInternalFeatures;
   return 0;
 }
 
@@ -176,8 +176,8 @@ SI4 HTTPCONNECTION::Keep(PCH10 data, UI4 n) {
 }
 
 bool HTTPCONNECTION::WantsBytes() const {
-  // Requests are answered one by one there: a peer that reads no answers piles none up.
-  if ((Features & WSWhole) && CountWaiting() > 0) return false;
+  // A peer that reads no answers piles no requests up.
+  if ((Features & HTTPOneByOne) && CountWaiting() > 0) return false;
   return !uncut || pHeader->SizeProcessed() < MaxBlockSize;
 }
 
@@ -198,8 +198,7 @@ SI4 HTTPCONNECTION::Resume(PFDSETS sets, PHIERAKI item) {
 SI4 HTTPCONNECTION::Hand(PFDSETS sets, PHIERAKI item, const HTTPFRAMING::PIECE& piece, PCH10 data,
                          UI4 have) {
   if (piece.kind == HTTPFRAMING::Broken) return ERR_HTTPDECODE;
-  // Nobody waits for a body there: it takes no more memory than a message could.
-  if ((Features & WSWhole) && piece.size > MaxBlockSize) return ERR_MAX_BLOCK_SIZE;
+  if ((Features & HTTPOneByOne) && piece.size > MaxBlockSize) return ERR_MAX_BLOCK_SIZE;
   lineEnd = piece.kind == HTTPFRAMING::Chunk ? piece.lineEnd : 0;
   return ReturnBuffer(sets, item, data, have, piece.size, PrefixOf(piece.kind));
 }

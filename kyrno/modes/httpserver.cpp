@@ -25,7 +25,7 @@ SI4 HTTPSERVER::SetRPCProp(PHIERAKI root, PCH10 name, PAA value) {
   SI4 n = 0;
   if (const SI4 code = VAGetSI4(value, 0, &n)) return code;
   if (!decode) {
-    Features = static_cast<UI4>(n) & ~WSWhole;
+    Features = static_cast<UI4>(n) & ~kInternalFeatures;
     return 0;
   }
   UI4 bits = static_cast<UI4>(n);

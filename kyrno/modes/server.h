@@ -6,8 +6,8 @@
 //   SListen         Pause 1                        SListenPaused   A   peers queue in the kernel
 //   SListen         Pause 2                        SGotoPause      A
 //   SGotoPause      the next turn                  SListenPaused   W   no socket any more
-//   SListenPaused   Pause 0                        SListen         A   listens anew without a
-//   socket any             Close                          SFinished       A
+//   SListenPaused   Pause 0                        SListen         A   anew without a socket
+//   any             Close                          SFinished       A
 #pragma once
 
 #include "kyrno/base/mutex.h"

@@ -27,9 +27,14 @@
 inline constexpr UI4 WSAutoUpgrade = 1;
 inline constexpr UI4 WSReturnAccept = 2;
 inline constexpr UI4 WSStrict = 4;
-/// Not for applications, and only together with WSStrict: the fragments of a message are joined to
-/// one unit of at most MaxBlockSize bytes.
+// Not for applications.
+/// Only together with WSStrict: the fragments of a message are joined to one unit of at most
+/// MaxBlockSize bytes.
 inline constexpr UI4 WSWhole = 0x100;
+/// Of the HTTP connection before: nothing more is read while a piece waits, and none is longer than
+/// MaxBlockSize. For a server that answers requests one by one and wants no bodies.
+inline constexpr UI4 HTTPOneByOne = 0x200;
+inline constexpr UI4 kInternalFeatures = WSWhole | HTTPOneByOne;
 
 /// Owner and threads as CONNECTION. It takes the stream over from the HTTPCONNECTION that had its
 /// node before: ROOT::Replace.

@@ -3,8 +3,8 @@
 
 #include "sys/linux/qlntypes.h"
 
-/// Once, after LoadKyrnossl; nothing happens without the support library. Threads: as the loading
-/// of the library, before any other.
+/// Once, after LoadKyrnossl and before any other thread; nothing happens without the support
+/// library.
 void SslLoad();
 /// Before UnloadKyrnossl, when no root is left.
 void SslUnload();

@@ -46,7 +46,8 @@ struct SHADOW {
 
 /// Owner:   its node, which the ring of roots holds until RPCUnload.
 /// Threads: properties and changes by any thread inside the gate; the turn in the work thread's
-/// role. Errors:  lErrorObj is 1138 once the work thread has ended.
+///          role.
+/// Errors:  lErrorObj is 1138 once the work thread has ended.
 class ROOT : public RPCOBJS {
  public:
   ROOT();
